@@ -1,0 +1,98 @@
+#include "dsp/quantizer.h"
+
+#include <cmath>
+#include <stdexcept>
+
+#include "bitstream/bit_writer.h"
+#include "dsp/quant_tables.h"
+
+namespace tavrin {
+
+namespace {
+
+constexpr unsigned kMinDirectAbits = 8;
+constexpr unsigned kMaxDirectAbits = 26;
+
+bool direct_abits(unsigned abits) { return abits >= kMinDirectAbits && abits <= kMaxDirectAbits; }
+
+// Signed range of an (abits - 3)-bit two's-complement index.
+std::int64_t index_min(unsigned abits) { return -(std::int64_t{1} << (abits - 4)); }
+std::int64_t index_max(unsigned abits) { return (std::int64_t{1} << (abits - 4)) - 1; }
+
+}  // namespace
+
+double step_size(unsigned abits) {
+  if (abits >= kStepSizeCount) throw std::invalid_argument("invalid DTS lossy ABITS");
+  return kStepSize[abits];
+}
+
+double scale_value(unsigned scale_index) {
+  if (scale_index >= kScaleFactor6Count) throw std::invalid_argument("invalid DTS 6-bit scale-factor index");
+  return kScaleFactor6[scale_index];
+}
+
+QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t count, unsigned low, unsigned high) {
+  if (samples == nullptr && count != 0) throw std::invalid_argument("null samples");
+  if (low < kMinDirectAbits || high > kMaxDirectAbits || low > high)
+    throw std::invalid_argument("baseline ABITS range must be within 8..26");
+  double peak = 0.0;
+  for (std::size_t i = 0; i < count; ++i) peak = std::fmax(peak, std::fabs(samples[i]));
+  if (peak <= 1e-18) return {};
+  for (unsigned a = low; a <= high; ++a) {
+    const double levels = static_cast<double>(index_max(a));
+    const double needed = peak / (levels * kStepSize[a]);
+    for (unsigned s = 0; s < kScaleFactor6Count; ++s) {
+      if (kScaleFactor6[s] >= needed) {
+        QuantizerChoice c;
+        c.abits = static_cast<std::uint8_t>(a);
+        c.scale_index = static_cast<std::uint8_t>(s);
+        c.scale = kScaleFactor6[s];
+        c.step = kStepSize[a];
+        c.quantum = c.scale * c.step;
+        return c;
+      }
+    }
+  }
+  throw std::invalid_argument("DTS baseline quantizer cannot represent subband peak");
+}
+
+std::int32_t quantize(double x, const QuantizerChoice& choice) {
+  if (choice.abits == 0) return 0;
+  // nearbyint honours the current rounding mode, which the program leaves at
+  // round-half-to-even.
+  const double q = std::nearbyint(x / choice.quantum);
+  if (!direct_abits(choice.abits)) throw std::invalid_argument("direct NFE quantizer requires ABITS 8..26");
+  const auto lo = static_cast<double>(index_min(choice.abits));
+  const auto hi = static_cast<double>(index_max(choice.abits));
+  // Clamp in double so that huge values never reach the integer cast; a NaN
+  // sample carries no information and codes as 0.
+  if (std::isnan(q)) return 0;
+  const double clamped = q < lo ? lo : (q > hi ? hi : q);
+  return static_cast<std::int32_t>(clamped);
+}
+
+double dequantize(std::int32_t index, const QuantizerChoice& choice) {
+  if (choice.abits == 0) return 0.0;
+  if (!direct_abits(choice.abits)) throw std::invalid_argument("direct NFE quantizer requires ABITS 8..26");
+  if (index < index_min(choice.abits) || index > index_max(choice.abits))
+    throw std::invalid_argument("quantization index outside DTS NFE range");
+  return static_cast<double>(index) * choice.quantum;
+}
+
+unsigned nfe_width(unsigned abits) {
+  if (!direct_abits(abits)) throw std::invalid_argument("NFE direct coding requires ABITS 8..26");
+  return abits - 3;
+}
+
+void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits) {
+  const unsigned width = nfe_width(abits);
+  if (index < index_min(abits) || index > index_max(abits))
+    throw std::invalid_argument("NFE quantization index out of signed range");
+  // Two's complement truncated to the field, computed on unsigned values.
+  const std::uint32_t code = static_cast<std::uint32_t>(index) & ((std::uint32_t{1} << width) - 1u);
+  writer.write(code, width);
+}
+
+void write_dsync(BitWriter& writer) { writer.write(0xFFFFu, 16); }
+
+}  // namespace tavrin
