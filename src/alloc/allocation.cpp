@@ -1,0 +1,320 @@
+#include "alloc/allocation.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace tavrin {
+
+namespace {
+
+constexpr std::size_t kSamplesPerBand = 8;
+constexpr std::uint64_t kFrameBitsPerChannel = 45;
+constexpr std::uint64_t kFrameBitsFixed = 7;
+constexpr std::uint64_t kSubframeFixedBits = 5 + 16;  // SSC/PSC, closing DSYNC
+constexpr std::uint64_t kPredictionModeBits = 1;      // per band
+constexpr std::uint64_t kAbitsIndexBits = 5;          // per band
+
+// The next step of one band: what it would cost, what it would buy, and the
+// quantizer that would buy it. gain_unit excludes the channel multiplier.
+struct Step {
+  double gain_unit = 0.0;
+  double distortion = 0.0;
+  QuantizerChoice quantizer{};
+  std::uint32_t delta = 0;
+  std::uint32_t band = 0;  // flat index (s * channels + c) * 32 + b
+  std::uint8_t abits = 0;
+  bool valid = false;
+};
+
+struct Frame {
+  std::size_t channels = 0;
+  std::vector<double> samples;  // eight contiguous samples per flat band index
+  std::vector<AllocationBand*> bands;
+};
+
+std::uint32_t flat_index(std::size_t channels, std::size_t s, std::size_t c, std::size_t b) {
+  return static_cast<std::uint32_t>((s * channels + c) * kAllocationBands + b);
+}
+
+void validate(std::size_t channels, const AllocationConfig& cfg, const PsychoAnalysis* override_analysis) {
+  if (channels < 1 || channels > 5) throw std::invalid_argument("adaptive allocation requires 1..5 channels");
+  if (cfg.abits_min < 8 || cfg.abits_max > 26 || cfg.abits_max < cfg.abits_min)
+    throw std::invalid_argument("adaptive ABITS range must be 8..26");
+  if (!(cfg.relative_silence_floor >= 0.0 && cfg.relative_silence_floor < 1.0))
+    throw std::invalid_argument("invalid relative silence floor");
+  if (!(cfg.high_band_weight > 0.0 && cfg.high_band_weight <= 1.0))
+    throw std::invalid_argument("invalid high-band weight");
+  if (!(cfg.channel_fairness >= 0.0 && cfg.channel_fairness <= 2.0))
+    throw std::invalid_argument("invalid channel fairness strength");
+  if (override_analysis != nullptr) {
+    if (override_analysis->subframes.size() != kAllocationSubframes)
+      throw std::invalid_argument("psycho override must contain 4 subframes");
+    for (const auto& sub : override_analysis->subframes)
+      if (sub.size() != channels * kAllocationBands)
+        throw std::invalid_argument("psycho override channel count mismatch");
+  }
+}
+
+// Evaluates raising band `index` by one step. Fills `step` and returns
+// whether such a step exists.
+bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
+                   Step& step) {
+  const AllocationBand& band = *frame.bands[index];
+  step.valid = false;
+  step.band = index;
+  if (!(band.rms > threshold) || !(band.peak > 1e-18)) return false;
+  const unsigned next = band.abits == 0 ? cfg.abits_min : band.abits + 1u;
+  if (next > cfg.abits_max) return false;
+
+  const double* x = &frame.samples[static_cast<std::size_t>(index) * kSamplesPerBand];
+  const QuantizerChoice q = choose_baseline_quantizer(x, kSamplesPerBand, next, next);
+  double err = 0.0;
+  for (std::size_t k = 0; k < kSamplesPerBand; ++k) {
+    const double d = x[k] - dequantize(quantize(x[k], q), q);
+    err += d * d;
+  }
+  const double dn = err / static_cast<double>(kSamplesPerBand);
+  const std::uint64_t delta = band_bit_cost(next) - band_bit_cost(band.abits);
+
+  step.distortion = dn;
+  step.quantizer = q;
+  step.delta = static_cast<std::uint32_t>(delta);
+  step.abits = static_cast<std::uint8_t>(next);
+  // The tiny energy term keeps a step worth taking when it removes no
+  // measurable error, so spare bits still go to audible bands.
+  step.gain_unit = (band.rms * band.rms * 1e-15 + std::max(0.0, band.distortion - dn)) * band.weight /
+                   static_cast<double>(delta);
+  step.valid = true;
+  return true;
+}
+
+void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
+  AllocationBand& band = *frame.bands[step.band];
+  band.abits = step.abits;
+  band.quantizer = step.quantizer;
+  band.distortion = step.distortion;
+  total += step.delta;
+}
+
+// Max-heap order: larger gain first, then the lower (subframe, channel, band).
+bool heap_less(const Step& a, const Step& b) {
+  if (a.gain_unit != b.gain_unit) return a.gain_unit < b.gain_unit;
+  return a.band > b.band;
+}
+
+void heap_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
+                 std::uint64_t& total) {
+  const auto count = static_cast<std::uint32_t>(frame.bands.size());
+  std::vector<Step> heap;
+  heap.reserve(count);
+  Step step;
+  for (std::uint32_t i = 0; i < count; ++i)
+    if (evaluate_step(frame, i, cfg, threshold, step)) heap.push_back(step);
+  std::make_heap(heap.begin(), heap.end(), heap_less);
+  while (!heap.empty()) {
+    std::pop_heap(heap.begin(), heap.end(), heap_less);
+    const Step top = heap.back();
+    heap.pop_back();
+    if (total + top.delta > budget) continue;  // this band grows no further
+    apply_step(frame, top, total);
+    if (evaluate_step(frame, top.band, cfg, threshold, step)) {
+      heap.push_back(step);
+      std::push_heap(heap.begin(), heap.end(), heap_less);
+    }
+  }
+}
+
+bool strictly_larger(double candidate, double kept) {
+  return candidate > kept + std::max(1e-8 * std::abs(kept), 1e-24);
+}
+
+void scan_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
+                 std::uint64_t& total) {
+  const std::size_t nch = frame.channels;
+  const auto count = static_cast<std::uint32_t>(frame.bands.size());
+  const bool fairness = cfg.channel_fairness > 0.0 && nch >= 2;
+
+  // A band's next step depends only on its own state, so it is evaluated
+  // once and re-evaluated only after it is applied; the channel multiplier
+  // scales the gain per pass.
+  std::vector<Step> steps(count);
+  for (std::uint32_t i = 0; i < count; ++i) evaluate_step(frame, i, cfg, threshold, steps[i]);
+
+  std::array<double, 5> demand{};
+  if (fairness) {
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const std::size_t c = (i / kAllocationBands) % nch;
+      const AllocationBand& band = *frame.bands[i];
+      demand[c] += band.weight * band.distortion;  // still the band's energy here
+    }
+  }
+
+  std::array<double, 5> multiplier{};
+  for (;;) {
+    multiplier.fill(1.0);
+    if (fairness) {
+      std::array<double, 5> share{};
+      for (std::uint32_t i = 0; i < count; ++i) {
+        const std::size_t c = (i / kAllocationBands) % nch;
+        const AllocationBand& band = *frame.bands[i];
+        share[c] += band.weight * band.distortion;
+      }
+      double sum = 0.0;
+      std::size_t used = 0;
+      for (std::size_t c = 0; c < nch; ++c) {
+        if (demand[c] > 1e-30) {
+          share[c] /= demand[c];
+          sum += share[c];
+          ++used;
+        }
+      }
+      const double mean = used > 0 ? sum / static_cast<double>(used) : 0.0;
+      if (mean > 1e-30) {
+        for (std::size_t c = 0; c < nch; ++c)
+          if (demand[c] > 1e-30)
+            multiplier[c] = std::pow(std::clamp(share[c] / mean, 0.25, 4.0), cfg.channel_fairness);
+      }
+    }
+
+    std::int64_t kept = -1;
+    double kept_gain = 0.0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const Step& st = steps[i];
+      if (!st.valid || total + st.delta > budget) continue;
+      const double gain = st.gain_unit * multiplier[(i / kAllocationBands) % nch];
+      if (kept < 0 || strictly_larger(gain, kept_gain)) {
+        kept = i;
+        kept_gain = gain;
+      }
+    }
+    if (kept < 0) break;
+    const auto index = static_cast<std::uint32_t>(kept);
+    apply_step(frame, steps[index], total);
+    evaluate_step(frame, index, cfg, threshold, steps[index]);
+  }
+}
+
+bool scan_switch_from_environment() {
+  const char* value = std::getenv("TAVRIN_DTS_ALLOCATOR_SCAN");
+  return value != nullptr && value[0] == '1';
+}
+
+}  // namespace
+
+AllocationConfig stereo_allocation_config() { return AllocationConfig{}; }
+
+std::uint64_t band_bit_cost(unsigned abits) {
+  if (abits == 0) return 0;
+  return 8u * (static_cast<std::uint64_t>(abits) - 3u) + 6u;
+}
+
+std::uint64_t count_allocation_bits(const AllocationPlan& plan, std::size_t channels) {
+  if (plan.subframes.size() != kAllocationSubframes)
+    throw std::runtime_error("allocation subframe count mismatch");
+  std::uint64_t bits = kFrameBitsPerChannel * channels + kFrameBitsFixed;
+  for (const auto& sub : plan.subframes) {
+    if (sub.size() != channels) throw std::runtime_error("allocation channel count mismatch");
+    bits += kSubframeFixedBits;
+    for (const auto& bands : sub) {
+      if (bands.size() != kAllocationBands) throw std::runtime_error("allocation band count mismatch");
+      bits += (kPredictionModeBits + kAbitsIndexBits) * bands.size();
+      for (const AllocationBand& band : bands) bits += band_bit_cost(band.abits);
+    }
+  }
+  return bits;
+}
+
+double perceptual_error(const PsychoAnalysis& analysis, const AllocationPlan& plan) {
+  if (analysis.subframes.size() != kAllocationSubframes || plan.subframes.size() != kAllocationSubframes)
+    throw std::runtime_error("psycho/MSE subframe mismatch");
+  double sum = 0.0;
+  for (std::size_t s = 0; s < kAllocationSubframes; ++s) {
+    const auto& records = analysis.subframes[s];
+    const auto& sub = plan.subframes[s];
+    if (records.size() % kPsychoBands != 0) throw std::runtime_error("psycho/MSE band mismatch");
+    if (records.size() / kPsychoBands != sub.size()) throw std::runtime_error("psycho/MSE channel mismatch");
+    for (std::size_t c = 0; c < sub.size(); ++c) {
+      if (sub[c].size() != kPsychoBands) throw std::runtime_error("psycho/MSE band mismatch");
+      for (std::size_t b = 0; b < kPsychoBands; ++b)
+        sum += records[c * kPsychoBands + b].weight * sub[c][b].distortion;
+    }
+  }
+  return sum;
+}
+
+AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, std::uint64_t budget_bits,
+                                  const AllocationConfig& cfg, const PsychoAnalysis* psycho_override,
+                                  bool scan_switch) {
+  const std::size_t nch = channels.size();
+  validate(nch, cfg, psycho_override);
+
+  // The model runs on every call so that its configuration is always
+  // checked; its result is only needed when no override is supplied.
+  validate_psycho(nch, cfg.psycho);
+  PsychoAnalysis own;
+  if (psycho_override == nullptr) own = analyse_psycho(channels, nullptr, cfg.psycho);
+  const PsychoAnalysis& analysis = psycho_override != nullptr ? *psycho_override : own;
+
+  AllocationPlan plan;
+  plan.psycho_weighting = cfg.psycho_weighting;
+  plan.subframes.assign(kAllocationSubframes,
+                        std::vector<std::vector<AllocationBand>>(nch, std::vector<AllocationBand>(kAllocationBands)));
+
+  Frame frame;
+  frame.channels = nch;
+  frame.samples.resize(kAllocationSubframes * nch * kAllocationBands * kSamplesPerBand);
+  frame.bands.resize(kAllocationSubframes * nch * kAllocationBands);
+
+  double rmax = 0.0;
+  for (std::size_t s = 0; s < kAllocationSubframes; ++s) {
+    for (std::size_t c = 0; c < nch; ++c) {
+      for (std::size_t b = 0; b < kAllocationBands; ++b) {
+        const std::uint32_t i = flat_index(nch, s, c, b);
+        double* x = &frame.samples[static_cast<std::size_t>(i) * kSamplesPerBand];
+        double sum_sq = 0.0, peak = 0.0;
+        for (std::size_t k = 0; k < kSamplesPerBand; ++k) {
+          x[k] = channels[c][s * 256 + k * 32 + b];
+          sum_sq += x[k] * x[k];
+          peak = std::max(peak, std::abs(x[k]));
+        }
+        AllocationBand& band = plan.subframes[s][c][b];
+        frame.bands[i] = &band;
+        const double energy = sum_sq / static_cast<double>(kSamplesPerBand);
+        band.rms = std::sqrt(energy);
+        band.peak = peak;
+        band.distortion = energy;
+        if (cfg.psycho_weighting == 1) {
+          band.weight = analysis.subframes[s][c * kPsychoBands + b].weight;
+        } else {
+          const double t = b <= 20 ? 0.0 : static_cast<double>(b - 20) / 11.0;
+          band.weight = (1.0 - t) + t * cfg.high_band_weight;
+        }
+        rmax = std::max(rmax, band.rms);
+      }
+    }
+  }
+
+  plan.total_bits = count_allocation_bits(plan, nch);
+  if (budget_bits < plan.total_bits)
+    throw std::runtime_error("target payload budget is smaller than DTS side information");
+
+  const double threshold = rmax * cfg.relative_silence_floor;
+  if (cfg.channel_fairness > 0.0 || scan_switch)
+    scan_search(frame, budget_bits, cfg, threshold, plan.total_bits);
+  else
+    heap_search(frame, budget_bits, cfg, threshold, plan.total_bits);
+
+  plan.perceptual_error = perceptual_error(analysis, plan);
+  if (count_allocation_bits(plan, nch) != plan.total_bits) throw std::runtime_error("adaptive bit accounting mismatch");
+  return plan;
+}
+
+AllocationPlan allocate(const std::vector<const double*>& channels, std::uint64_t budget_bits,
+                        const AllocationConfig& config, const PsychoAnalysis* psycho_override) {
+  return allocate_with_scan(channels, budget_bits, config, psycho_override, scan_switch_from_environment());
+}
+
+}  // namespace tavrin
