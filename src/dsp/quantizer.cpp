@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "bitstream/bit_writer.h"
+#include "bitstream/subframe.h"
 #include "dsp/quant_tables.h"
 
 namespace tavrin {
@@ -84,15 +85,10 @@ unsigned nfe_width(unsigned abits) {
   return abits - 3;
 }
 
-void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits) {
-  const unsigned width = nfe_width(abits);
-  if (index < index_min(abits) || index > index_max(abits))
-    throw std::invalid_argument("NFE quantization index out of signed range");
-  // Two's complement truncated to the field, computed on unsigned values.
-  const std::uint32_t code = static_cast<std::uint32_t>(index) & ((std::uint32_t{1} << width) - 1u);
-  writer.write(code, width);
-}
+// The field writers live with the subframe coder, which must not depend on
+// this library; these are the quantizer's names for them.
+void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits) { write_nfe_sample(writer, index, abits); }
 
-void write_dsync(BitWriter& writer) { writer.write(0xFFFFu, 16); }
+void write_dsync(BitWriter& writer) { write_subframe_sync(writer); }
 
 }  // namespace tavrin
