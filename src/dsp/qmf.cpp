@@ -15,19 +15,39 @@ constexpr std::size_t kHalf = kN / 2;
 constexpr std::size_t kSynthesisSteps = 2 * kQmfPolyphaseBlocks - 1;  // 31
 
 // The decoder's cosine modulation of 32 subband values into 32 FIR inputs.
-QmfVector modulate(const QmfVector& s) {
+// The cosines are tabulated once per matrix: building the matrix column by
+// column would otherwise cost some 16,000 cosine calls.
+struct ModulationTables {
+  std::array<std::array<double, kHalf>, kHalf> odd{};   // cos((2i+1)(2k+1)pi/64)
+  std::array<std::array<double, kHalf>, kHalf> even{};  // cos(i(2k+1)pi/32)
+  std::array<double, kHalf> sum_scale{};
+  std::array<double, kHalf> difference_scale{};
+};
+
+ModulationTables modulation_tables() {
   const double pi = std::numbers::pi;
-  QmfVector x{};
+  ModulationTables t;
   for (std::size_t k = 0; k < kHalf; ++k) {
     const double kk = static_cast<double>(2 * k + 1);
+    for (std::size_t i = 0; i < kHalf; ++i) {
+      t.odd[k][i] = std::cos(static_cast<double>(2 * i + 1) * kk * pi / 64.0);
+      t.even[k][i] = std::cos(static_cast<double>(i) * kk * pi / 32.0);
+    }
+    t.sum_scale[k] = 0.25 / (2.0 * std::cos(kk * pi / 128.0));
+    t.difference_scale[k] = -0.25 / (2.0 * std::sin(kk * pi / 128.0));
+  }
+  return t;
+}
+
+QmfVector modulate(const ModulationTables& t, const QmfVector& s) {
+  QmfVector x{};
+  for (std::size_t k = 0; k < kHalf; ++k) {
     double a = 0.0;
-    for (std::size_t i = 0; i < kHalf; ++i)
-      a += (s[2 * i] + s[2 * i + 1]) * std::cos(static_cast<double>(2 * i + 1) * kk * pi / 64.0);
+    for (std::size_t i = 0; i < kHalf; ++i) a += (s[2 * i] + s[2 * i + 1]) * t.odd[k][i];
     double b = s[0] * std::cos(0.0);
-    for (std::size_t i = 1; i < kHalf; ++i)
-      b += (s[2 * i] + s[2 * i - 1]) * std::cos(static_cast<double>(i) * kk * pi / 32.0);
-    x[k] = (a + b) * 0.25 / (2.0 * std::cos(kk * pi / 128.0));
-    x[kN - 1 - k] = (a - b) * (-0.25 / (2.0 * std::sin(kk * pi / 128.0)));
+    for (std::size_t i = 1; i < kHalf; ++i) b += (s[2 * i] + s[2 * i - 1]) * t.even[k][i];
+    x[k] = (a + b) * t.sum_scale[k];
+    x[kN - 1 - k] = (a - b) * t.difference_scale[k];
   }
   return x;
 }
@@ -68,10 +88,12 @@ void check_prototype(QmfPrototype h) {
 
 // A fresh synthesis fed the unit vector of `band` and then silence; returns
 // its first `steps` output blocks.
-std::array<QmfVector, kSynthesisSteps> impulse_response(QmfPrototype h, const QmfKernel& kernel, std::size_t band,
-                                                        std::size_t steps) {
+// `pristine` is a just-built synthesis: every construction yields the same
+// matrices, so copying one is the same as building anew, without 66 inversions.
+std::array<QmfVector, kSynthesisSteps> impulse_response(const QmfReferenceSynthesis& pristine, QmfPrototype h,
+                                                        const QmfKernel& kernel, std::size_t band, std::size_t steps) {
   check_prototype(h);
-  QmfReferenceSynthesis synthesis = make_qmf_reference_synthesis(kernel);
+  QmfReferenceSynthesis synthesis = pristine;
   std::array<QmfVector, kSynthesisSteps> blocks{};
   QmfVector input{};
   for (std::size_t t = 0; t < steps; ++t) {
@@ -99,11 +121,12 @@ QmfVector analyse_response(const QmfAnalysisBank& bank, const QmfKernel& kernel,
 
 QmfReferenceSynthesis make_qmf_reference_synthesis(const QmfKernel& kernel) {
   QmfReferenceSynthesis synthesis;
+  const ModulationTables tables = modulation_tables();
   QmfVector unit{};
   for (std::size_t k = 0; k < kN; ++k) {
     unit.fill(0.0);
     unit[k] = 1.0;
-    const QmfVector column = modulate(unit);
+    const QmfVector column = modulate(tables, unit);
     for (std::size_t r = 0; r < kN; ++r) synthesis.modulation[r * kN + k] = column[r];
   }
   synthesis.inverse = invert(synthesis.modulation);
@@ -138,21 +161,22 @@ void qmf_synthesis_step(QmfReferenceSynthesis& synthesis, QmfPrototype h, const 
 }
 
 void derive_qmf_analysis_bank(QmfAnalysisBank& bank, QmfPrototype h, const QmfKernel& kernel) {
+  const QmfReferenceSynthesis pristine = make_qmf_reference_synthesis(kernel);
   // Impulse responses S_t[j][k] and their matched (transposed, time-reversed) bank.
   for (std::size_t k = 0; k < kN; ++k) {
-    const auto s = impulse_response(h, kernel, k, kQmfPolyphaseBlocks);
+    const auto s = impulse_response(pristine, h, kernel, k, kQmfPolyphaseBlocks);
     for (std::size_t t = 0; t < kQmfPolyphaseBlocks; ++t)
       for (std::size_t j = 0; j < kN; ++j) bank.polyphase[kQmfPolyphaseBlocks - 1 - t][k * kN + j] = s[t][j];
   }
 
   bank.gain = 1.0;
-  const QmfVector a = analyse_response(bank, kernel, impulse_response(h, kernel, 0, kSynthesisSteps));
+  const QmfVector a = analyse_response(bank, kernel, impulse_response(pristine, h, kernel, 0, kSynthesisSteps));
   if (std::fabs(a[0]) < 1e-15) throw std::runtime_error("DTS QMF analysis normalization could not be derived");
   bank.gain = 1.0 / a[0];
   bank.max_basis_error = 0.0;
 
   for (std::size_t k = 0; k < kN; ++k) {
-    const QmfVector out = analyse_response(bank, kernel, impulse_response(h, kernel, k, kSynthesisSteps));
+    const QmfVector out = analyse_response(bank, kernel, impulse_response(pristine, h, kernel, k, kSynthesisSteps));
     for (std::size_t r = 0; r < kN; ++r)
       bank.max_basis_error = std::max(bank.max_basis_error, std::fabs(out[r] - (r == k ? 1.0 : 0.0)));
   }
