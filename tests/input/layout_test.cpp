@@ -235,6 +235,12 @@ TEST(Deinterleave, Failures) {
       EXPECT_STREQ(e.what(), c.message);
     }
   }
+  try {
+    deinterleave_to_layout(bytes.data(), 1, static_cast<SampleFormat>(9), three, good);
+    ADD_FAILURE() << "unknown format accepted";
+  } catch (const std::invalid_argument& e) {
+    EXPECT_STREQ(e.what(), "unknown PCM sample format");
+  }
   EXPECT_EQ(deinterleave_to_layout(nullptr, 0, SampleFormat::s16le, three, good),
             std::vector<std::vector<double>>(3));
 }

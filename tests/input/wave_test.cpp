@@ -18,7 +18,7 @@ using S = SpeakerId;
 
 std::string le(std::uint64_t value, int bytes) {
   std::string out;
-  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xFF));
+  for (int i = 0; i < bytes; ++i) out.push_back(i < 8 ? static_cast<char>((value >> (8 * i)) & 0xFF) : 0);
   return out;
 }
 
