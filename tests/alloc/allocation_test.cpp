@@ -336,6 +336,31 @@ TEST(Allocation, FairnessFavoursTheLaggingChannel) {
   }
 }
 
+TEST(Allocation, ExactTiesGoToTheLowerSubframeChannelBand) {
+  struct Pos {
+    int s, c, b;
+  };
+  struct Case {
+    Pos first, second;  // first is the one that must win
+  };
+  const std::vector<Case> cases = {
+      {{0, 1, 9}, {1, 0, 2}},  // subframe decides before channel and band
+      {{2, 0, 15}, {2, 1, 1}},  // then channel
+      {{3, 1, 4}, {3, 1, 12}},  // then band
+  };
+  for (const Case& tc : cases) {
+    std::vector<Block> blocks(2, Block(1024, 0.0));
+    for (int k = 0; k < 8; ++k)
+      for (const Pos& p : {tc.first, tc.second}) at(blocks[p.c], p.s, k, p.b) = k % 3 ? 2.5 : -4.0;
+    for (bool scan : {false, true}) {
+      const AllocationPlan plan =
+          allocate_with_scan(views(blocks), side_bits(2) + 46, stereo_allocation_config(), nullptr, scan);
+      EXPECT_EQ(plan.subframes[tc.first.s][tc.first.c][tc.first.b].abits, 8) << scan;
+      EXPECT_EQ(plan.subframes[tc.second.s][tc.second.c][tc.second.b].abits, 0) << scan;
+    }
+  }
+}
+
 TEST(Allocation, NearTiesSeparateHeapFromScan) {
   // Two bands whose first steps differ in gain by far less than the tie
   // tolerance; only one first step fits. The heap orders by exact gain, the
