@@ -225,12 +225,9 @@ SubbandBlock analyse_frame(QmfAnalysisBank& bank, const double* pcm, const QmfKe
     for (std::size_t c = 0; c < kN; ++c) columns[c * kColumns + kPast + j] = pcm[j * kN + c] * kQmfInputScale;
 
   alignas(64) std::array<double, kN * kQmfBlocksPerFrame> sum{};  // [band][slot]
-  alignas(64) std::array<double, kN * kQmfBlocksPerFrame> y{};
-  for (std::size_t t = 0; t < kQmfPolyphaseBlocks; ++t) {
-    kernel.multiply_batch(y.data(), kQmfBlocksPerFrame, bank.polyphase[t].data(), columns.data() + (kPast - t),
-                          kColumns, kQmfBlocksPerFrame);
-    for (std::size_t i = 0; i < sum.size(); ++i) sum[i] += bank.gain * y[i];
-  }
+  for (std::size_t t = 0; t < kQmfPolyphaseBlocks; ++t)
+    kernel.multiply_batch(sum.data(), kQmfBlocksPerFrame, bank.polyphase[t].data(), columns.data() + (kPast - t),
+                          kColumns, kQmfBlocksPerFrame, bank.gain);
 
   SubbandBlock out;
   for (std::size_t r = 0; r < kN; ++r)

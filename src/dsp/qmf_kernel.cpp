@@ -69,13 +69,13 @@ void qmf_multiply_scalar(double* out, const double* matrix, const double* in) {
 }
 
 void qmf_multiply_batch_scalar(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                               std::size_t in_stride, std::size_t count) {
+                               std::size_t in_stride, std::size_t count, double scale) {
   for (std::size_t r = 0; r < kQmfBands; ++r) {
     const double* row = matrix + r * kQmfBands;
     for (std::size_t n = 0; n < count; ++n) {
       double sum = 0.0;
       for (std::size_t c = 0; c < kQmfBands; ++c) sum += row[c] * in[c * in_stride + n];
-      out[r * out_stride + n] = sum;
+      out[r * out_stride + n] += scale * sum;
     }
   }
 }

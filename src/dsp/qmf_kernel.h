@@ -15,11 +15,12 @@ enum class QmfKernelId : std::uint8_t { scalar = 0, sse2 = 1, avx2 = 2 };
 // aliases in.
 using QmfMatVecFn = void (*)(double* out, const double* matrix, const double* in);
 
-// The same product for `count` vectors held as columns:
-// out[r*out_stride + n] = sum over c of matrix[r*32 + c] * in[c*in_stride + n]
-// for n < count. Lets a caller reuse one matrix while it is hot in cache.
+// The same product for `count` vectors held as columns, scaled and added to
+// what out holds: out[r*out_stride + n] += scale * (sum over c of
+// matrix[r*32 + c] * in[c*in_stride + n]) for n < count. Lets a caller reuse
+// one matrix while it is hot in cache and sum the polyphase terms in place.
 using QmfMatMatFn = void (*)(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                             std::size_t in_stride, std::size_t count);
+                             std::size_t in_stride, std::size_t count, double scale);
 
 struct QmfKernel {
   QmfKernelId id = QmfKernelId::scalar;
@@ -44,12 +45,12 @@ const char* qmf_kernel_name(QmfKernelId id);
 // Implementations, one per instruction set (defined in their own files).
 void qmf_multiply_scalar(double* out, const double* matrix, const double* in);
 void qmf_multiply_batch_scalar(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                               std::size_t in_stride, std::size_t count);
+                               std::size_t in_stride, std::size_t count, double scale);
 void qmf_multiply_sse2(double* out, const double* matrix, const double* in);
 void qmf_multiply_batch_sse2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                             std::size_t in_stride, std::size_t count);
+                             std::size_t in_stride, std::size_t count, double scale);
 void qmf_multiply_avx2(double* out, const double* matrix, const double* in);
 void qmf_multiply_batch_avx2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                             std::size_t in_stride, std::size_t count);
+                             std::size_t in_stride, std::size_t count, double scale);
 
 }  // namespace tavrin

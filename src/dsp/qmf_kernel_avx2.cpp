@@ -14,7 +14,7 @@ namespace {
 // FMA pipes busy, and each matrix entry is broadcast once per tile.
 template <int NV>
 TAVRIN_AVX2 inline void tile_avx2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                                  std::size_t in_stride) {
+                                  std::size_t in_stride, double scale) {
   __m256d acc[4][NV];
   for (int i = 0; i < 4; ++i)
     for (int v = 0; v < NV; ++v) acc[i][v] = _mm256_setzero_pd();
@@ -27,7 +27,10 @@ TAVRIN_AVX2 inline void tile_avx2(double* out, std::size_t out_stride, const dou
     }
   }
   for (int i = 0; i < 4; ++i)
-    for (int v = 0; v < NV; ++v) _mm256_storeu_pd(out + i * out_stride + 4 * v, acc[i][v]);
+    for (int v = 0; v < NV; ++v) {
+      double* o = out + i * out_stride + 4 * v;
+      _mm256_storeu_pd(o, _mm256_fmadd_pd(_mm256_set1_pd(scale), acc[i][v], _mm256_loadu_pd(o)));
+    }
 }
 
 }  // namespace
@@ -52,19 +55,19 @@ TAVRIN_AVX2 void qmf_multiply_avx2(double* out, const double* matrix, const doub
 }
 
 TAVRIN_AVX2 void qmf_multiply_batch_avx2(double* out, std::size_t out_stride, const double* matrix,
-                                         const double* in, std::size_t in_stride, std::size_t count) {
+                                         const double* in, std::size_t in_stride, std::size_t count, double scale) {
   for (std::size_t r = 0; r < kQmfBands; r += 4) {
     const double* rows = matrix + r * kQmfBands;
     double* dst = out + r * out_stride;
     std::size_t n = 0;
-    for (; n + 12 <= count; n += 12) tile_avx2<3>(dst + n, out_stride, rows, in + n, in_stride);
-    for (; n + 8 <= count; n += 8) tile_avx2<2>(dst + n, out_stride, rows, in + n, in_stride);
-    for (; n + 4 <= count; n += 4) tile_avx2<1>(dst + n, out_stride, rows, in + n, in_stride);
+    for (; n + 12 <= count; n += 12) tile_avx2<3>(dst + n, out_stride, rows, in + n, in_stride, scale);
+    for (; n + 8 <= count; n += 8) tile_avx2<2>(dst + n, out_stride, rows, in + n, in_stride, scale);
+    for (; n + 4 <= count; n += 4) tile_avx2<1>(dst + n, out_stride, rows, in + n, in_stride, scale);
     for (; n < count; ++n) {
       for (std::size_t i = 0; i < 4; ++i) {
         double sum = 0.0;
         for (std::size_t c = 0; c < kQmfBands; ++c) sum += rows[i * kQmfBands + c] * in[c * in_stride + n];
-        dst[i * out_stride + n] = sum;
+        dst[i * out_stride + n] += scale * sum;
       }
     }
   }
@@ -75,8 +78,8 @@ TAVRIN_AVX2 void qmf_multiply_batch_avx2(double* out, std::size_t out_stride, co
 // Never selected off x86; defined so that the kernel table links everywhere.
 void qmf_multiply_avx2(double* out, const double* matrix, const double* in) { qmf_multiply_scalar(out, matrix, in); }
 void qmf_multiply_batch_avx2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                             std::size_t in_stride, std::size_t count) {
-  qmf_multiply_batch_scalar(out, out_stride, matrix, in, in_stride, count);
+                             std::size_t in_stride, std::size_t count, double scale) {
+  qmf_multiply_batch_scalar(out, out_stride, matrix, in, in_stride, count, scale);
 }
 
 #endif

@@ -13,7 +13,7 @@ namespace {
 // whole 32-term sum.
 template <int NV>
 TAVRIN_SSE2 inline void tile_sse2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                                  std::size_t in_stride) {
+                                  std::size_t in_stride, double scale) {
   __m128d acc[4][NV];
   for (int i = 0; i < 4; ++i)
     for (int v = 0; v < NV; ++v) acc[i][v] = _mm_setzero_pd();
@@ -26,7 +26,10 @@ TAVRIN_SSE2 inline void tile_sse2(double* out, std::size_t out_stride, const dou
     }
   }
   for (int i = 0; i < 4; ++i)
-    for (int v = 0; v < NV; ++v) _mm_storeu_pd(out + i * out_stride + 2 * v, acc[i][v]);
+    for (int v = 0; v < NV; ++v) {
+      double* o = out + i * out_stride + 2 * v;
+      _mm_storeu_pd(o, _mm_add_pd(_mm_loadu_pd(o), _mm_mul_pd(_mm_set1_pd(scale), acc[i][v])));
+    }
 }
 
 }  // namespace
@@ -52,18 +55,18 @@ TAVRIN_SSE2 void qmf_multiply_sse2(double* out, const double* matrix, const doub
 }
 
 TAVRIN_SSE2 void qmf_multiply_batch_sse2(double* out, std::size_t out_stride, const double* matrix,
-                                         const double* in, std::size_t in_stride, std::size_t count) {
+                                         const double* in, std::size_t in_stride, std::size_t count, double scale) {
   for (std::size_t r = 0; r < kQmfBands; r += 4) {
     const double* rows = matrix + r * kQmfBands;
     double* dst = out + r * out_stride;
     std::size_t n = 0;
-    for (; n + 4 <= count; n += 4) tile_sse2<2>(dst + n, out_stride, rows, in + n, in_stride);
-    for (; n + 2 <= count; n += 2) tile_sse2<1>(dst + n, out_stride, rows, in + n, in_stride);
+    for (; n + 4 <= count; n += 4) tile_sse2<2>(dst + n, out_stride, rows, in + n, in_stride, scale);
+    for (; n + 2 <= count; n += 2) tile_sse2<1>(dst + n, out_stride, rows, in + n, in_stride, scale);
     for (; n < count; ++n) {
       for (std::size_t i = 0; i < 4; ++i) {
         double sum = 0.0;
         for (std::size_t c = 0; c < kQmfBands; ++c) sum += rows[i * kQmfBands + c] * in[c * in_stride + n];
-        dst[i * out_stride + n] = sum;
+        dst[i * out_stride + n] += scale * sum;
       }
     }
   }
@@ -74,8 +77,8 @@ TAVRIN_SSE2 void qmf_multiply_batch_sse2(double* out, std::size_t out_stride, co
 // Never selected off x86; defined so that the kernel table links everywhere.
 void qmf_multiply_sse2(double* out, const double* matrix, const double* in) { qmf_multiply_scalar(out, matrix, in); }
 void qmf_multiply_batch_sse2(double* out, std::size_t out_stride, const double* matrix, const double* in,
-                             std::size_t in_stride, std::size_t count) {
-  qmf_multiply_batch_scalar(out, out_stride, matrix, in, in_stride, count);
+                             std::size_t in_stride, std::size_t count, double scale) {
+  qmf_multiply_batch_scalar(out, out_stride, matrix, in, in_stride, count, scale);
 }
 
 #endif

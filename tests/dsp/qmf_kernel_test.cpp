@@ -79,17 +79,22 @@ TEST(QmfKernel, EveryKernelMatchesScalar) {
       const std::size_t in_stride = count + 3, out_stride = count + 1;
       std::vector<double> columns(kQmfBands * in_stride);
       for (double& v : columns) v = dist(rng);
-      std::vector<double> out(kQmfBands * out_stride, -7.0);
-      kernel->multiply_batch(out.data(), out_stride, matrix.data(), columns.data(), in_stride, count);
+      std::vector<double> out(kQmfBands * out_stride, -7.0), before(out.size());
+      for (std::size_t r = 0; r < kQmfBands; ++r)
+        for (std::size_t n = 0; n < count; ++n) out[r * out_stride + n] = dist(rng);
+      before = out;
+      const double scale = 1023.9997;
+      kernel->multiply_batch(out.data(), out_stride, matrix.data(), columns.data(), in_stride, count, scale);
       for (std::size_t n = 0; n < count; ++n) {
         for (std::size_t c = 0; c < kQmfBands; ++c) in[c] = columns[c * in_stride + n];
         scalar.multiply(want.data(), matrix.data(), in.data());
         for (std::size_t r = 0; r < kQmfBands; ++r) {
+          const double expected = before[r * out_stride + n] + scale * want[r];
           const double v = out[r * out_stride + n];
           if (id == Id::scalar)
-            EXPECT_EQ(v, want[r]) << "count " << count;  // both sum strictly in column order
+            EXPECT_EQ(v, expected) << "count " << count;  // both sum strictly in column order
           else
-            EXPECT_NEAR(v, want[r], 1e-13 * (1.0 + std::fabs(want[r]))) << "count " << count;
+            EXPECT_NEAR(v, expected, 1e-13 * scale * (1.0 + std::fabs(want[r]))) << "count " << count;
         }
       }
       // Padding between the columns is never written.
