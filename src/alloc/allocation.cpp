@@ -73,7 +73,9 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   const QuantizerChoice q = choose_baseline_quantizer(x, kSamplesPerBand, next, next);
   double err = 0.0;
   for (std::size_t k = 0; k < kSamplesPerBand; ++k) {
-    const double d = x[k] - dequantize(quantize(x[k], q), q);
+    // index * quantum is the decoder's value; quantize() already clamped
+    // the index into range, so the checked dequantize() is not needed here.
+    const double d = x[k] - static_cast<double>(quantize(x[k], q)) * q.quantum;
     err += d * d;
   }
   const double dn = err / static_cast<double>(kSamplesPerBand);
@@ -99,31 +101,59 @@ void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
   total += step.delta;
 }
 
+// Heap entries stay small; the step itself waits in a per-band slot.
+struct HeapKey {
+  double gain = 0.0;
+  std::uint32_t band = 0;
+};
+
 // Max-heap order: larger gain first, then the lower (subframe, channel, band).
-bool heap_less(const Step& a, const Step& b) {
-  if (a.gain_unit != b.gain_unit) return a.gain_unit < b.gain_unit;
-  return a.band > b.band;
+bool heap_before(const HeapKey& a, const HeapKey& b) {
+  if (a.gain != b.gain) return a.gain > b.gain;
+  return a.band < b.band;
+}
+
+// Restores the heap below `pos` after its key was replaced. Replacing the
+// top in place costs one sift instead of a pop and a push, and an applied
+// band almost always has a next step to put back.
+void sift_down(std::vector<HeapKey>& heap, std::size_t pos) {
+  const std::size_t n = heap.size();
+  const HeapKey key = heap[pos];
+  for (;;) {
+    std::size_t child = 2 * pos + 1;
+    if (child >= n) break;
+    if (child + 1 < n && heap_before(heap[child + 1], heap[child])) ++child;
+    if (!heap_before(heap[child], key)) break;
+    heap[pos] = heap[child];
+    pos = child;
+  }
+  heap[pos] = key;
 }
 
 void heap_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
                  std::uint64_t& total) {
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
-  std::vector<Step> heap;
+  std::vector<Step> pending(count);
+  std::vector<HeapKey> heap;
   heap.reserve(count);
-  Step step;
   for (std::uint32_t i = 0; i < count; ++i)
-    if (evaluate_step(frame, i, cfg, threshold, step)) heap.push_back(step);
-  std::make_heap(heap.begin(), heap.end(), heap_less);
+    if (evaluate_step(frame, i, cfg, threshold, pending[i])) heap.push_back({pending[i].gain_unit, i});
+  for (std::size_t i = heap.size() / 2; i-- > 0;) sift_down(heap, i);
   while (!heap.empty()) {
-    std::pop_heap(heap.begin(), heap.end(), heap_less);
-    const Step top = heap.back();
-    heap.pop_back();
-    if (total + top.delta > budget) continue;  // this band grows no further
-    apply_step(frame, top, total);
-    if (evaluate_step(frame, top.band, cfg, threshold, step)) {
-      heap.push_back(step);
-      std::push_heap(heap.begin(), heap.end(), heap_less);
+    const std::uint32_t index = heap.front().band;
+    Step& step = pending[index];
+    bool keep = false;
+    if (total + step.delta <= budget) {
+      apply_step(frame, step, total);
+      keep = evaluate_step(frame, index, cfg, threshold, step);
+    }  // else: this band grows no further
+    if (keep) {
+      heap.front().gain = step.gain_unit;
+    } else {
+      heap.front() = heap.back();
+      heap.pop_back();
     }
+    if (!heap.empty()) sift_down(heap, 0);
   }
 }
 
