@@ -7,9 +7,7 @@
 #include <string>
 #include <vector>
 
-// The support library is built without the project's include path; only the
-// enum is used, so the header is reached relative to this file.
-#include "../../src/input/sample_format.h"
+#include "input/sample_format.h"
 
 namespace tavrin {
 

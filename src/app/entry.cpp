@@ -1,0 +1,176 @@
+#include "app/entry.h"
+
+#include <cctype>
+#include <exception>
+#include <fstream>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app/drivers.h"
+#include "app/help.h"
+#include "app/options.h"
+#include "app/progress.h"
+#include "input/raw.h"
+#include "input/wave.h"
+
+namespace tavrin {
+
+namespace {
+
+// The extension alone decides; contents are never sniffed.
+bool is_flac_name(const std::string& path) {
+  const auto dot = path.rfind('.');
+  if (dot == std::string::npos || dot + 1 == path.size()) return false;
+  std::string ext = path.substr(dot);
+  for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return ext == ".flac";
+}
+
+bool has_bass_options(const EncoderOptions& o) {
+  return o.bassManagement || o.thx || o.crossoverGiven || o.lfeGainDb != 0.0;
+}
+
+std::uint64_t stream_size(std::istream& in) {
+  in.seekg(0, std::ios::end);
+  const auto end = in.tellg();
+  in.seekg(0, std::ios::beg);
+  if (end < 0 || !in) throw std::runtime_error("cannot read input size");
+  return static_cast<std::uint64_t>(end);
+}
+
+PcmSourceInfo describe_input(std::istream& in, const EncoderOptions& options) {
+  if (!options.raw) return open_wave(in);
+  RawPcmDescription description;
+  description.sample_rate = static_cast<std::uint32_t>(options.sampleRate);
+  description.format = options.pcmFormat;
+  description.layout = options.layout;
+  PcmSourceInfo info = open_raw(stream_size(in), description);
+  in.seekg(0, std::ios::beg);
+  return info;
+}
+
+// The developer reference path of the matrix decoder: the whole payload in
+// memory, decoded in one piece.
+PcmBuffer read_whole_pcm(std::istream& in, const PcmSourceInfo& info) {
+  const std::uint64_t bytes = frame_count(info) * frame_bytes(info);
+  std::vector<std::uint8_t> data(static_cast<std::size_t>(bytes));
+  in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(bytes));
+  if (static_cast<std::uint64_t>(in.gcount()) != bytes) throw std::runtime_error("unexpected end of PCM input");
+  PcmBuffer buffer;
+  buffer.sample_rate = info.sample_rate;
+  buffer.bits_per_sample = bytes_per_sample(info.format) * 8;
+  buffer.layout = info.layout;
+  buffer.channels = deinterleave_to_layout(data.data(), static_cast<std::size_t>(frame_count(info)), info.format,
+                                           info.layout, info.source_order);
+  return buffer;
+}
+
+void run_flac(const std::string& input_path, std::ostream& out, const EncoderOptions& options) {
+  if (options.raw) throw std::runtime_error("--raw cannot be used with FLAC input");
+  const PcmBuffer buffer = decode_flac_file(input_path);
+  const std::string label = "FLAC";
+  if (options.matrixDecode) {
+    encode_matrix_memory(out, buffer, buffer.sample_rate, options, label);
+  } else if (has_bass_options(options)) {
+    throw std::runtime_error("bass-management options require --matrix-decode in Tavrin-DTS Phase91");
+  } else if (buffer.layout.name == "2.0") {
+    encode_stereo_memory(out, buffer, buffer.sample_rate, options, label);
+  } else {
+    encode_multichannel_memory(out, buffer, buffer.sample_rate, options, label);
+  }
+}
+
+void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, ProgressState& progress) {
+  const PcmSourceInfo info = describe_input(in, options);
+  if (!validate_layout(info.layout)) throw std::runtime_error("unsupported channel layout");
+  const std::string label = input_label(info);
+  if (options.matrixDecode) {
+    if (!options.devMatrixMemoryReference) {
+      encode_matrix_stream(in, out, info, options, label, progress);
+      return;
+    }
+    if (info.layout.name != "2.0") throw std::runtime_error("--matrix-decode requires 2-channel stereo input");
+    const PcmBuffer buffer = read_whole_pcm(in, info);
+    encode_matrix_memory(out, buffer, info.sample_rate, options, label);
+    return;
+  }
+  if (info.layout.name == "2.0") {
+    encode_stereo_stream(in, out, info, options);
+    return;
+  }
+  if (has_bass_options(options)) throw std::runtime_error("bass-management options require --matrix-decode");
+  encode_multichannel_stream(in, out, info, options);
+}
+
+int encode(int argc, char** argv) {
+  const std::string input_path = argv[1];
+  const std::string output_path = argv[2];
+  const ParsedCommandLine parsed = parse_options(argc - 1, argv + 1);
+  if (parsed.help != HelpRequest::none) {
+    print_help(std::cout, parsed.help == HelpRequest::developer);
+    return 0;
+  }
+  const EncoderOptions& options = parsed.options;
+  // Every later write to standard output is dropped; errors still reach
+  // standard error.
+  if (options.quiet) std::cout.setstate(std::ios::failbit);
+  ProgressState progress;
+  progress.suppressed = options.quiet;
+
+  std::ofstream out(output_path, std::ios::binary | std::ios::trunc);
+  if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
+
+  if (is_flac_name(input_path)) {
+    run_flac(input_path, out, options);
+  } else {
+    std::ifstream in(input_path, std::ios::binary);
+    if (!in) throw std::runtime_error("cannot open input: " + input_path);
+    run_stream(in, out, options, progress);
+  }
+  out.close();
+  if (progress.lineOpen) {
+    std::cout << '\n';
+    std::cout.flush();
+    progress.lineOpen = false;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int run_program(int argc, char** argv) {
+  if (argc == 2) {
+    const std::string word = argv[1];
+    if (word == "--help" || word == "-h") {
+      print_help(std::cout, false);
+      return 0;
+    }
+    if (word == "--help-dev") {
+      print_help(std::cout, true);
+      return 0;
+    }
+    if (word == "--version") {
+      std::cout << kVersionLine << '\n';
+      return 0;
+    }
+    print_help(std::cout, false);
+    return 2;
+  }
+  if (argc < 3) {
+    print_help(std::cout, false);
+    return 2;
+  }
+  try {
+    return encode(argc, argv);
+  } catch (const std::exception& e) {
+    std::cerr << "Tavrin-DTS: " << e.what() << '\n';
+    return 1;
+  } catch (...) {
+    std::cerr << "Tavrin-DTS: unexpected internal error\n";
+    return 1;
+  }
+}
+
+}  // namespace tavrin
