@@ -1,0 +1,61 @@
+#pragma once
+// The default stereo frame encoder ("legacy ADPCM rate"): psychoacoustic
+// model, adaptive allocation of the payload budget, ADPCM rate allocation,
+// exact constant-size frame.
+#include <cstdint>
+#include <vector>
+
+#include "alloc/adpcm_rate.h"
+#include "alloc/allocation.h"
+#include "alloc/psycho.h"
+#include "bitstream/frame.h"
+
+namespace tavrin {
+
+struct StreamParams {
+  std::uint32_t sample_rate = 48000;
+  std::uint32_t bitrate = 768000;
+};
+
+// The encoder's configuration record: allocation first, then the model.
+struct LegacyEncoderConfig {
+  AllocationConfig allocation = stereo_allocation_config();
+  PsychoConfig psycho = stereo_psycho_config();
+};
+
+// Per-stream state; frames must be encoded strictly in order.
+struct LegacyEncoderState {
+  PsychoTemporalState psycho;
+  AdpcmStreamState adpcm;
+};
+
+// The fixed coding choices of the legacy encoder for `channels` primary
+// channels: four subframes, all 32 subbands, linear 5-bit ABITS and 6-bit
+// scale codes, every quantizer selector at its linear book.
+PrimaryHeader legacy_primary_header(unsigned channels);
+
+// Turns an allocation plan into the four subframes of direct-coded audio.
+FramePayload payload_from_plan(const std::vector<const double*>& channels, const AllocationPlan& plan);
+
+// channels: one block of 1024 subband samples per primary channel.
+CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::uint8_t amode,
+                              const StreamParams& stream, std::uint32_t frame_bytes, LegacyEncoderConfig& config,
+                              LegacyEncoderState& state);
+
+enum class FrameEncoderKind { legacy_adpcm, span24 };
+
+struct DispatchedFrame {
+  CoreFrame frame;
+  FrameEncoderKind kind = FrameEncoderKind::legacy_adpcm;
+  std::uint64_t span24_predictions = 0;
+  std::uint64_t span24_reinvested_bits = 0;
+};
+
+// Chooses the encoder for one stereo frame: the span24 encoder only for a
+// production-candidate stream it can serve, the legacy encoder otherwise.
+DispatchedFrame dispatch_stereo_frame(const std::vector<const double*>& channels, std::uint8_t amode,
+                                      const StreamParams& stream, std::uint32_t frame_bytes,
+                                      LegacyEncoderConfig& config, LegacyEncoderState& state,
+                                      bool production_candidate);
+
+}  // namespace tavrin
