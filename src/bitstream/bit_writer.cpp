@@ -5,39 +5,43 @@
 
 namespace tavrin {
 
-void BitWriter::write(std::uint32_t value, unsigned width) {
-  if (width > 32) throw std::invalid_argument("bit width > 32");
-  if (width < 32 && (value >> width) != 0) throw std::invalid_argument("value does not fit bit width");
-  if (width == 0) return;
+void BitWriter::throw_width() { throw std::invalid_argument("bit width > 32"); }
+void BitWriter::throw_fit() { throw std::invalid_argument("value does not fit bit width"); }
 
-  // Work in 64 bits so that shifts by the full width stay defined.
-  const std::uint64_t v = value;
-  unsigned left = width;
-  const unsigned used = bit_count_ & 7u;
-  if (used != 0) {
-    // Fill the free low bits of the partial last byte first.
-    const unsigned free_bits = 8u - used;
-    const unsigned take = left < free_bits ? left : free_bits;
-    const auto chunk = static_cast<unsigned>((v >> (left - take)) & ((1u << take) - 1u));
-    bytes_.back() = static_cast<std::uint8_t>(bytes_.back() | (chunk << (free_bits - take)));
-    left -= take;
-  }
-  while (left >= 8) {
-    left -= 8;
-    bytes_.push_back(static_cast<std::uint8_t>(v >> left));
-  }
-  if (left > 0) {
-    const auto chunk = static_cast<unsigned>(v & ((1u << left) - 1u));
-    bytes_.push_back(static_cast<std::uint8_t>(chunk << (8u - left)));
-  }
-  bit_count_ += width;
+void BitWriter::flush_word() {
+  pending_ -= 32;
+  const auto word = static_cast<std::uint32_t>(acc_ >> pending_);
+  const std::uint8_t out[4] = {static_cast<std::uint8_t>(word >> 24), static_cast<std::uint8_t>(word >> 16),
+                               static_cast<std::uint8_t>(word >> 8), static_cast<std::uint8_t>(word)};
+  bytes_.insert(bytes_.end(), out, out + 4);
 }
 
-void BitWriter::align_to_byte() { bit_count_ = static_cast<std::uint32_t>(bytes_.size()) * 8u; }
+// The partial byte that sync() appended is still held in the accumulator.
+void BitWriter::drop_tail() {
+  bytes_.pop_back();
+  tail_in_bytes_ = false;
+}
+
+void BitWriter::sync() const {
+  if (tail_in_bytes_) return;
+  while (pending_ >= 8) {
+    pending_ -= 8;
+    bytes_.push_back(static_cast<std::uint8_t>(acc_ >> pending_));
+  }
+  if (pending_ > 0) {
+    bytes_.push_back(static_cast<std::uint8_t>(acc_ << (8u - pending_)));
+    tail_in_bytes_ = true;
+  }
+}
 
 std::vector<std::uint8_t> BitWriter::take_bytes() {
+  sync();
+  std::vector<std::uint8_t> out = std::exchange(bytes_, {});
+  acc_ = 0;
+  pending_ = 0;
+  tail_in_bytes_ = false;
   bit_count_ = 0;
-  return std::exchange(bytes_, {});
+  return out;
 }
 
 }  // namespace tavrin
