@@ -81,7 +81,9 @@ TEST(BitWriter, MatchesBitByBitReference) {
       ++ref_bits;
     }
     // Looking at the bytes mid-stream must not disturb later writes.
-    if (rng() % 37 == 0) ASSERT_EQ(w.bytes(), ref) << "after write " << i;
+    if (rng() % 37 == 0) {
+      ASSERT_EQ(w.bytes(), ref) << "after write " << i;
+    }
   }
   EXPECT_EQ(w.bit_count(), ref_bits);
   EXPECT_EQ(w.bytes(), ref);
