@@ -123,30 +123,6 @@ TEST(QmfBank, SynthesisedSubbandImpulseReturnsInItsBand15BlocksLater) {
   }
 }
 
-// The other direction: a decoder turns the subband samples back into the
-// input at the bank's input scale, 480 samples late.
-TEST(QmfBank, DecoderInterpolationReconstructsTheInput480SamplesLate) {
-  const auto bank = std::make_unique<QmfAnalysisBank>();
-  const QmfKernel& kernel = qmf_kernel();
-  QmfReferenceSynthesis synthesis = make_qmf_reference_synthesis(kernel);
-  const std::size_t frames = 4, delay = 480;
-  std::vector<double> x = noise(frames * kQmfFrameSamples, 3), y(x.size());
-  for (std::size_t i = 0; i < x.size(); ++i) x[i] = 0.3 * x[i] + 0.5 * std::sin(0.031 * static_cast<double>(i));
-  for (std::size_t f = 0; f < frames; ++f) {
-    const SubbandBlock sb = analyse_frame(*bank, x.data() + f * kQmfFrameSamples);
-    for (std::size_t s = 0; s < kQmfBlocksPerFrame; ++s)
-      qmf_synthesis_step(synthesis, qmf_perfect_prototype(), kernel, sb.samples.data() + s * kQmfBands,
-                         y.data() + f * kQmfFrameSamples + s * kQmfBands);
-  }
-  double signal = 0.0, error = 0.0;
-  for (std::size_t i = delay; i < x.size(); ++i) {
-    const double want = x[i - delay] * kQmfInputScale;
-    signal += want * want;
-    error += (y[i] - want) * (y[i] - want);
-  }
-  EXPECT_GT(10.0 * std::log10(signal / error), 120.0);
-}
-
 TEST(QmfBank, SilenceGivesExactZeros) {
   for (const QmfKernel* kernel : offered_kernels()) {
     const auto bank = std::make_unique<QmfAnalysisBank>();
@@ -160,13 +136,15 @@ TEST(QmfBank, SilenceGivesExactZeros) {
 }
 
 // Frame analysis must be nothing but 32 block analyses: across frame
-// boundaries, from a zero history, with the ring at any position.
+// boundaries and with the ring away from slot 0 (after 5 silent blocks).
 TEST(QmfBank, FramesEqualOneContinuousBlockRunWithEveryKernel) {
   const auto derived = std::make_unique<QmfAnalysisBank>();
   const std::vector<double> pcm = noise(3 * kQmfFrameSamples, 11);
+  const QmfVector zero{};
   const QmfKernel& scalar = *qmf_kernel_by_id(QmfKernelId::scalar);
 
   auto by_blocks = std::make_unique<QmfAnalysisBank>(*derived);
+  for (int i = 0; i < 5; ++i) analyse_block(*by_blocks, zero.data(), scalar);
   std::vector<double> reference;
   for (std::size_t b = 0; b < 3 * kQmfBlocksPerFrame; ++b) {
     QmfVector block{};
@@ -180,28 +158,15 @@ TEST(QmfBank, FramesEqualOneContinuousBlockRunWithEveryKernel) {
   for (const QmfKernel* kernel : offered_kernels()) {
     SCOPED_TRACE(kernel->name);
     auto by_frames = std::make_unique<QmfAnalysisBank>(*derived);
-    // Start the ring away from slot 0 with 5 silent blocks, matched below.
-    const QmfVector zero{};
     for (int i = 0; i < 5; ++i) analyse_block(*by_frames, zero.data(), *kernel);
-    auto shifted = std::make_unique<QmfAnalysisBank>(*derived);
-    for (int i = 0; i < 5; ++i) analyse_block(*shifted, zero.data(), *kernel);
-
     for (std::size_t f = 0; f < 3; ++f) {
       const SubbandBlock sb = analyse_frame(*by_frames, pcm.data() + f * kQmfFrameSamples, *kernel);
       for (std::size_t i = 0; i < kQmfFrameSamples; ++i) {
         const double want = reference[f * kQmfFrameSamples + i];
         if (kernel->id == QmfKernelId::scalar)
-          ASSERT_EQ(sb.samples[i], want) << "frame " << f << " index " << i;
+          ASSERT_EQ(sb.samples[i], want) << "frame " << f << " index " << i;  // same sums in the same order
         else
           ASSERT_NEAR(sb.samples[i], want, 1e-12 * peak) << "frame " << f << " index " << i;
-      }
-      // The same frame fed block by block through the shifted bank with this kernel.
-      for (std::size_t s = 0; s < kQmfBlocksPerFrame; ++s) {
-        QmfVector block{};
-        for (std::size_t c = 0; c < kQmfBands; ++c)
-          block[c] = pcm[f * kQmfFrameSamples + s * kQmfBands + c] * kQmfInputScale;
-        const QmfVector out = analyse_block(*shifted, block.data(), *kernel);
-        for (std::size_t r = 0; r < kQmfBands; ++r) ASSERT_NEAR(sb.samples[s * kQmfBands + r], out[r], 1e-12 * peak);
       }
     }
     EXPECT_EQ(by_frames->position, 5u);
