@@ -12,11 +12,21 @@ namespace {
 }
 }  // namespace
 
-void encode_multichannel_stream(std::istream&, std::ostream&, const PcmSourceInfo&, const EncoderOptions&) {
+namespace {
+void refuse_stereo_policies(const EncoderOptions& options) {
+  if (options.legacy || options.productionCandidate || options.span24Given) {
+    throw std::runtime_error("--legacy, --production-candidate and --experimental-span24 are stereo-only");
+  }
+}
+}  // namespace
+
+void encode_multichannel_stream(std::istream&, std::ostream&, const PcmSourceInfo&, const EncoderOptions& options) {
+  refuse_stereo_policies(options);
   not_available("3.0/4.0/5.0/5.1 encoding");
 }
-void encode_multichannel_memory(std::ostream&, const PcmBuffer&, std::uint32_t, const EncoderOptions&,
+void encode_multichannel_memory(std::ostream&, const PcmBuffer&, std::uint32_t, const EncoderOptions& options,
                                 const std::string&) {
+  refuse_stereo_policies(options);
   not_available("3.0/4.0/5.0/5.1 encoding");
 }
 
