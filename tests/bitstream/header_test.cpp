@@ -4,6 +4,7 @@
 
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
+#include "bitstream/lfe_scale_table.h"
 #include "bitstream/primary_header.h"
 #include "bitstream/test_util.h"
 
@@ -15,11 +16,8 @@ using test::message_of;
 
 // All 26 header fields in order, as read back from the bits.
 std::vector<std::uint32_t> read_header_fields(const std::vector<std::uint8_t>& bytes) {
-  static const unsigned widths[] = {32, 1, 5, 1, 7, 14, 6, 4, 5, 1, 1, 1, 1, 1, 3, 1, 1, 2, 1, 1, 4, 2, 3, 1, 1, 4};
   BitReader r{bytes};
-  std::vector<std::uint32_t> out;
-  for (unsigned w : widths) out.push_back(r.read(w));
-  return out;
+  return test::read_fields(r, {32, 1, 5, 1, 7, 14, 6, 4, 5, 1, 1, 1, 1, 1, 3, 1, 1, 2, 1, 1, 4, 2, 3, 1, 1, 4});
 }
 
 TEST(FrameHeader, WritesEveryFieldInOrder) {
@@ -56,6 +54,16 @@ TEST(FrameHeader, WritesEveryFieldInOrder) {
   BitWriter v;
   write_header(v, g);
   EXPECT_EQ(read_header_fields(v.bytes()), (std::vector<std::uint32_t>{0x7FFE8001u, 0, 17, 0, 5, 95, 9, 13, 15, 0, 1, 1, 1, 1, 5, 1, 1, 2, 1, 1, 15, 3, 3, 1, 1, 9}));
+}
+
+TEST(LfeScaleTable, CheckValuesAndLength) {
+  ASSERT_EQ(kLfeScale.size(), 125u);
+  const std::vector<double> first = {1, 1, 2, 2, 2, 2, 3, 3, 3, 4, 4};
+  for (std::size_t i = 0; i < first.size(); ++i) EXPECT_EQ(kLfeScale[i], first[i]) << i;
+  EXPECT_EQ(kLfeScale[122], 6456542.0);
+  EXPECT_EQ(kLfeScale[123], 7328245.0);
+  EXPECT_EQ(kLfeScale[124], 8317638.0);
+  for (std::size_t i = 1; i < kLfeScale.size(); ++i) EXPECT_GE(kLfeScale[i], kLfeScale[i - 1]) << i;
 }
 
 TEST(FrameHeader, CodeTables) {
@@ -221,20 +229,9 @@ TEST(PrimaryHeader, BitLayout) {
   BitWriter w;
   write_primary_header(w, h, false);
   BitReader r{w.bytes()};
-  EXPECT_EQ(r.read(4), 15u);  // SUBFS - 1
-  EXPECT_EQ(r.read(3), 1u);   // channels - 1
-  EXPECT_EQ(r.read(5), 30u);
-  EXPECT_EQ(r.read(5), 29u);  // SUBS - 2
-  EXPECT_EQ(r.read(5), 29u);
-  EXPECT_EQ(r.read(5), 28u);  // VQSUB - 1
-  EXPECT_EQ(r.read(3), 0u);
-  EXPECT_EQ(r.read(3), 0u);
-  EXPECT_EQ(r.read(2), 0u);
-  EXPECT_EQ(r.read(2), 1u);  // THUFF
-  EXPECT_EQ(r.read(3), 6u);
-  EXPECT_EQ(r.read(3), 6u);
-  EXPECT_EQ(r.read(3), 5u);
-  EXPECT_EQ(r.read(3), 5u);
+  // SUBFS-1, PCHS, SUBS-2 x2, VQSUB-1 x2, JOINX x2, THUFF x2, SHUFF x2, BHUFF x2.
+  EXPECT_EQ(test::read_fields(r, {4, 3, 5, 5, 5, 5, 3, 3, 2, 2, 3, 3, 3, 3}),
+            (std::vector<std::uint32_t>{15, 1, 30, 29, 29, 28, 0, 0, 0, 1, 6, 6, 5, 5}));
   std::vector<std::uint32_t> sel;
   for (unsigned e = 0; e < 10; ++e)
     for (unsigned c = 0; c < 2; ++c) sel.push_back(r.read(e == 0 ? 1 : (e <= 4 ? 2 : 3)));

@@ -133,23 +133,13 @@ TEST(Subframe, SideInfoLayout) {
   BitWriter w;
   write_side_info(w, s, h, 2);
   BitReader r{w.bytes()};
-  EXPECT_EQ(r.read(2), 1u);  // SSC - 1
-  EXPECT_EQ(r.read(3), 0u);  // PSC
-  EXPECT_EQ(r.read(8), 0b01000100u);  // PMODE, channel by channel
-  EXPECT_EQ(r.read(12), 4095u);       // PVQ of channel 0 band 1
-  EXPECT_EQ(r.read(12), 4095u);       // PVQ of channel 1 band 1
-  for (int c = 0; c < 2; ++c) {
-    EXPECT_EQ(r.read(5), 8u);
-    EXPECT_EQ(r.read(5), 0u);
-    EXPECT_EQ(r.read(5), 12u);
-  }
-  // TMODE: ch0 band0 '0', band2 '10' (book 0, 1); ch1 band0 '110' (book 1, 1), band2 '10' (book 1, 0).
-  EXPECT_EQ(r.read(1), 0u);
-  EXPECT_EQ(r.read(2), 0b10u);
-  EXPECT_EQ(r.read(3), 0b110u);
-  EXPECT_EQ(r.read(2), 0b10u);
-  const std::vector<std::uint32_t> scales = {5, 63, 100, 5, 7, 63};
-  for (std::uint32_t v : scales) EXPECT_EQ(r.read(7), v);
+  // SSC-1, PSC, PMODE channel by channel, PVQ of both band-1s, ABITS.
+  EXPECT_EQ(test::read_fields(r, {2, 3, 8, 12, 12, 5, 5, 5, 5, 5, 5}),
+            (std::vector<std::uint32_t>{1, 0, 0b01000100, 4095, 4095, 8, 0, 12, 8, 0, 12}));
+  // TMODE: ch0 band0 '0', band2 '10' (book 0); ch1 band0 '110', band2 '10' (book 1).
+  EXPECT_EQ(test::read_fields(r, {1, 2, 3, 2}), (std::vector<std::uint32_t>{0, 0b10, 0b110, 0b10}));
+  // SCALE (and SCALE2 after it where TMODE is set), 7 bits each.
+  EXPECT_EQ(test::read_fields(r, {7, 7, 7, 7, 7, 7}), (std::vector<std::uint32_t>{5, 63, 100, 5, 7, 63}));
   EXPECT_EQ(r.pos, w.bit_count());
 
   // With SSC 1 no TMODE bits appear, and BHUFF/SHUFF 5 narrow the fields.
@@ -181,11 +171,8 @@ TEST(Subframe, PayloadOrderAndAudio) {
 
   BitReader r{w.bytes()};
   r.pos = head.bit_count() + side.bit_count();
-  EXPECT_EQ(r.read_signed(8), -128);
-  EXPECT_EQ(r.read_signed(8), -1);
-  EXPECT_EQ(r.read_signed(8), 0);
-  EXPECT_EQ(r.read_signed(8), 127);
-  EXPECT_EQ(r.read(8), 124u);
+  // LFE samples as two's complement bytes, then the scale index.
+  EXPECT_EQ(test::read_fields(r, {8, 8, 8, 8, 8}), (std::vector<std::uint32_t>{0x80, 0xFF, 0, 127, 124}));
   for (int c = 0; c < 2; ++c) {
     for (int i = 0; i < 8; ++i) EXPECT_EQ(r.read_signed(5), i - 4);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(r.read_signed(9), 250 - 70 * i);

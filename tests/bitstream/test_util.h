@@ -28,6 +28,13 @@ struct BitReader {
   }
 };
 
+// Reads fields of the given widths in order.
+inline std::vector<std::uint32_t> read_fields(BitReader& r, const std::vector<unsigned>& widths) {
+  std::vector<std::uint32_t> out;
+  for (unsigned w : widths) out.push_back(r.read(w));
+  return out;
+}
+
 // Message of the exception of type E that f throws, or a marker if none.
 template <typename E = std::invalid_argument>
 std::string message_of(const std::function<void()>& f) {
