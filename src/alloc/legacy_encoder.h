@@ -29,14 +29,6 @@ struct LegacyEncoderState {
   AdpcmStreamState adpcm;
 };
 
-// The fixed coding choices of the legacy encoder for `channels` primary
-// channels: four subframes, all 32 subbands, linear 5-bit ABITS and 6-bit
-// scale codes, every quantizer selector at its linear book.
-PrimaryHeader legacy_primary_header(unsigned channels);
-
-// Turns an allocation plan into the four subframes of direct-coded audio.
-FramePayload payload_from_plan(const std::vector<const double*>& channels, const AllocationPlan& plan);
-
 // channels: one block of 1024 subband samples per primary channel.
 CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::uint8_t amode,
                               const StreamParams& stream, std::uint32_t frame_bytes, LegacyEncoderConfig& config,

@@ -1,0 +1,72 @@
+#include "alloc/plan_payload.h"
+
+#include <stdexcept>
+
+#include "dsp/quantizer.h"
+
+namespace tavrin {
+
+namespace {
+
+constexpr unsigned kSubframes = 4;
+constexpr unsigned kBands = 32;
+constexpr unsigned kSamplesPerSubframe = 8;
+
+}  // namespace
+
+PrimaryHeader legacy_primary_header(unsigned channels) {
+  PrimaryHeader header;
+  header.subfs = kSubframes;
+  header.subs.assign(channels, kBands);
+  header.vqsub.assign(channels, kBands);
+  header.joinx.assign(channels, 0);
+  header.thuff.assign(channels, 0);
+  header.shuff.assign(channels, 5);  // 6-bit linear scale indexes
+  header.bhuff.assign(channels, 6);  // 5-bit linear ABITS
+  // Every selector at its largest value: the linear books, and no scale
+  // adjustment field is written at all.
+  header.sel.assign(channels, std::vector<std::uint8_t>{1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
+  return header;
+}
+
+FramePayload payload_from_plan(const std::vector<const double*>& channels, const AllocationPlan& plan) {
+  const std::size_t count = channels.size();
+  if (count < 1 || count > 5) throw std::invalid_argument("DTS adaptive payload requires 1..5 channels");
+  if (plan.subframes.size() != kSubframes) {
+    throw std::invalid_argument("Phase-7 adaptive payload requires four subframes");
+  }
+  FramePayload payload;
+  payload.header = legacy_primary_header(static_cast<unsigned>(count));
+  payload.lff = 0;
+  payload.subframes.resize(kSubframes);
+  for (unsigned s = 0; s < kSubframes; ++s) {
+    const auto& plan_sub = plan.subframes[s];
+    if (plan_sub.size() != count) throw std::runtime_error("adaptive allocation channel mismatch");
+    Subframe& sub = payload.subframes[s];
+    sub.ssc = 1;
+    sub.psc = 0;
+    sub.pmode.assign(count, std::vector<std::uint8_t>(kBands, 0));
+    sub.pvq.assign(count, std::vector<std::uint16_t>(kBands, 0));
+    sub.abits.assign(count, std::vector<std::uint8_t>(kBands, 0));
+    sub.tmode.assign(count, std::vector<std::uint8_t>(kBands, 0));
+    sub.scale.assign(count, std::vector<std::uint8_t>(kBands, 0));
+    sub.scale2.assign(count, std::vector<std::uint8_t>(kBands, 0));
+    sub.audio.assign(count, std::vector<std::int32_t>(kBands * kSamplesPerSubframe, 0));
+    for (std::size_t c = 0; c < count; ++c) {
+      if (plan_sub[c].size() != kBands) throw std::runtime_error("adaptive allocation band mismatch");
+      const double* block = channels[c] + s * kBands * kSamplesPerSubframe;
+      for (unsigned b = 0; b < kBands; ++b) {
+        const AllocationBand& band = plan_sub[c][b];
+        if (band.abits == 0) continue;
+        sub.abits[c][b] = band.abits;
+        sub.scale[c][b] = band.quantizer.scale_index;
+        for (unsigned k = 0; k < kSamplesPerSubframe; ++k) {
+          sub.audio[c][b * kSamplesPerSubframe + k] = quantize(block[k * kBands + b], band.quantizer);
+        }
+      }
+    }
+  }
+  return payload;
+}
+
+}  // namespace tavrin
