@@ -1,14 +1,214 @@
 #include "alloc/adpcm_rate.h"
 
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+
+#include "alloc/plan_payload.h"
+#include "dsp/quantizer.h"
+
 namespace tavrin {
 
-// Every subband stays in direct coding for now, which keeps the allocator's
-// plan unchanged and its bit count exact.
-AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& /*channels*/, FramePayload& /*payload*/,
-                                     std::uint64_t allocated_bits, std::uint64_t /*budget_bits*/,
-                                     AdpcmStreamState& /*state*/) {
+namespace {
+
+constexpr std::size_t kBands = 32;
+constexpr std::size_t kSamples = 8;
+constexpr unsigned kMaxAbits = 26;
+// How far past the next step a raise may look: far enough to jump the odd
+// step whose error happens not to fall.
+constexpr unsigned kLookahead = 4;
+constexpr double kUnknown = -1.0;
+// A move must at least halve the cost per bit of what it takes away, so the
+// refinement only pays where the greedy search really went astray and does
+// not churn over near-equal choices.
+constexpr double kExchangeMargin = 0.5;
+constexpr unsigned kMaxRefusals = 4;
+
+struct Band {
+  AllocationBand* entry = nullptr;
+  std::array<double, kSamples> x{};
+  std::array<double, kMaxAbits + 1> distortion{};  // kUnknown until measured
+  bool eligible = false;
+  bool blocked = false;
+};
+
+double measure(Band& band, unsigned abits) {
+  double& d = band.distortion[abits];
+  if (d != kUnknown) return d;
+  const QuantizerChoice q = choose_baseline_quantizer(band.x.data(), kSamples, abits, abits);
+  double err = 0.0;
+  for (double v : band.x) {
+    const double e = v - static_cast<double>(quantize(v, q)) * q.quantum;
+    err += e * e;
+  }
+  d = err / static_cast<double>(kSamples);
+  return d;
+}
+
+// Expected error one step away, from the error now: the error of a uniform
+// quantizer goes with the square of its step. Used only to rank bands; every
+// move is priced with measured errors before it is made.
+double modelled_distortion(const Band& band, unsigned from, unsigned to) {
+  if (to == 0) return band.distortion[0];
+  if (band.distortion[to] != kUnknown) return band.distortion[to];
+  const double ratio = step_size(to) / step_size(from);
+  return band.entry->distortion * ratio * ratio;
+}
+
+unsigned next_abits(unsigned a, const AllocationConfig& config) { return a == 0 ? config.abits_min : a + 1; }
+unsigned lower_abits(unsigned a, const AllocationConfig& config) { return a == config.abits_min ? 0 : a - 1; }
+
+// Weighted error bought per bit by the next step, as modelled.
+double modelled_raise_rate(const Band& band, const AllocationConfig& config) {
+  const unsigned a = band.entry->abits;
+  if (!band.eligible || band.blocked || a >= config.abits_max) return 0.0;
+  const unsigned to = next_abits(a, config);
+  const double after = a == 0 ? 0.0 : modelled_distortion(band, a, to);
+  return (band.entry->distortion - after) * band.entry->weight / static_cast<double>(band_bit_cost(to) - band_bit_cost(a));
+}
+
+// Weighted error lost per bit freed by the step down, as modelled.
+double modelled_lower_rate(const Band& band, const AllocationConfig& config) {
+  const unsigned a = band.entry->abits;
+  const unsigned to = lower_abits(a, config);
+  return (modelled_distortion(band, a, to) - band.entry->distortion) * band.entry->weight /
+         static_cast<double>(band_bit_cost(a) - band_bit_cost(to));
+}
+
+struct Raise {
+  unsigned to = 0;
+  double gain = 0.0;
+  std::uint64_t bits = 0;
+};
+
+// The best measured raise within the look-ahead, by weighted error per bit.
+Raise best_raise(Band& band, const AllocationConfig& config) {
+  Raise best;
+  const unsigned a = band.entry->abits;
+  const unsigned first = next_abits(a, config);
+  const unsigned last = std::min<unsigned>(config.abits_max, first + kLookahead - 1);
+  double best_rate = 0.0;
+  for (unsigned to = first; to <= last; ++to) {
+    const double gain = (band.entry->distortion - measure(band, to)) * band.entry->weight;
+    const std::uint64_t bits = band_bit_cost(to) - band_bit_cost(a);
+    if (gain > 0.0 && gain / static_cast<double>(bits) > best_rate) {
+      best_rate = gain / static_cast<double>(bits);
+      best = {to, gain, bits};
+    }
+  }
+  return best;
+}
+
+void set_abits(Band& band, unsigned abits) {
+  AllocationBand& e = *band.entry;
+  e.abits = static_cast<std::uint8_t>(abits);
+  e.distortion = band.distortion[abits];
+  e.quantizer = abits == 0 ? QuantizerChoice{} : choose_baseline_quantizer(band.x.data(), kSamples, abits, abits);
+}
+
+}  // namespace
+
+std::uint32_t refine_allocation(const std::vector<const double*>& channels, AllocationPlan& plan,
+                                std::uint64_t budget_bits, const AllocationConfig& config) {
+  const std::size_t nch = channels.size();
+  std::vector<Band> bands;
+  bands.reserve(plan.subframes.size() * nch * kBands);
+  double rmax = 0.0;
+  for (const auto& sub : plan.subframes)
+    for (const auto& ch : sub)
+      for (const auto& b : ch) rmax = std::max(rmax, b.rms);
+  const double threshold = rmax * config.relative_silence_floor;
+  for (std::size_t s = 0; s < plan.subframes.size(); ++s) {
+    for (std::size_t c = 0; c < nch; ++c) {
+      for (std::size_t b = 0; b < kBands; ++b) {
+        Band band;
+        band.entry = &plan.subframes[s][c][b];
+        for (std::size_t k = 0; k < kSamples; ++k) band.x[k] = channels[c][s * kBands * kSamples + k * kBands + b];
+        band.distortion.fill(kUnknown);
+        band.distortion[0] = band.entry->rms * band.entry->rms;
+        band.distortion[band.entry->abits] = band.entry->distortion;
+        band.eligible = band.entry->rms > threshold && band.entry->peak > 1e-18;
+        bands.push_back(band);
+      }
+    }
+  }
+
+  std::uint64_t free_bits = budget_bits - plan.total_bits;
+  std::uint32_t moves = 0;
+  unsigned refusals = 0;
+  std::vector<std::size_t> lowered;
+  // Every move lowers the weighted error, so the loop cannot cycle; the cap
+  // only bounds the work on pathological frames.
+  const std::size_t max_moves = bands.size() * 2;
+  while (moves < max_moves && refusals < kMaxRefusals) {
+    std::size_t top = bands.size();
+    double top_rate = 0.0;
+    for (std::size_t i = 0; i < bands.size(); ++i) {
+      const double rate = modelled_raise_rate(bands[i], config);
+      if (rate > top_rate) {
+        top_rate = rate;
+        top = i;
+      }
+    }
+    if (top == bands.size()) break;
+    Band& band = bands[top];
+    const Raise raise = best_raise(band, config);
+    if (raise.to == 0) {
+      band.blocked = true;
+      ++refusals;
+      continue;
+    }
+
+    // Free the missing bits where they cost the least weighted error.
+    lowered.clear();
+    std::uint64_t freed = 0;
+    double loss = 0.0;
+    while (free_bits + freed < raise.bits) {
+      std::size_t cheapest = bands.size();
+      double cheapest_rate = 0.0;
+      for (std::size_t i = 0; i < bands.size(); ++i) {
+        const Band& b = bands[i];
+        if (i == top || b.entry->abits == 0 || std::find(lowered.begin(), lowered.end(), i) != lowered.end()) continue;
+        const double rate = modelled_lower_rate(b, config);
+        if (cheapest == bands.size() || rate < cheapest_rate) {
+          cheapest = i;
+          cheapest_rate = rate;
+        }
+      }
+      if (cheapest == bands.size()) break;
+      Band& victim = bands[cheapest];
+      const unsigned a = victim.entry->abits;
+      const unsigned to = lower_abits(a, config);
+      lowered.push_back(cheapest);
+      freed += band_bit_cost(a) - band_bit_cost(to);
+      loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
+    }
+    if (free_bits + freed < raise.bits || !(loss < raise.gain * kExchangeMargin)) {
+      // The best raises are priced against the cheapest bits there are;
+      // after a few refusals the rest will not pay either.
+      band.blocked = true;
+      ++refusals;
+      continue;
+    }
+    for (std::size_t i : lowered) set_abits(bands[i], lower_abits(bands[i].entry->abits, config));
+    free_bits = free_bits + freed - raise.bits;
+    set_abits(band, raise.to);
+    ++moves;
+    refusals = 0;
+  }
+  plan.total_bits = budget_bits - free_bits;
+  return moves;
+}
+
+AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& channels, AllocationPlan& plan,
+                                     FramePayload& payload, std::uint64_t budget_bits,
+                                     const AllocationConfig& config, AdpcmStreamState& /*state*/) {
   AdpcmRateResult result;
-  result.payload_bits = allocated_bits;
+  result.exchanges = refine_allocation(channels, plan, budget_bits, config);
+  if (result.exchanges != 0) payload = payload_from_plan(channels, plan);
+  // Prediction is not used yet: every subband stays in direct coding.
+  result.payload_bits = plan.total_bits;
   return result;
 }
 
