@@ -195,8 +195,8 @@ TEST(StereoEncode, EveryRateAndBitrate) {
     double min_snr_db;
   };
   const std::vector<Case> cases = {
-      {48000, 768000, 40.0},  {48000, 1024000, 50.0}, {48000, 1152000, 55.0}, {48000, 1411200, 60.0},
-      {44100, 768000, 40.0},  {44100, 1024000, 50.0}, {44100, 1152000, 55.0}, {44100, 1411200, 60.0},
+      {48000, 768000, 43.0},  {48000, 1024000, 61.0}, {48000, 1152000, 68.0}, {48000, 1411200, 72.0},
+      {44100, 768000, 52.0},  {44100, 1024000, 64.0}, {44100, 1152000, 66.0}, {44100, 1411200, 66.0},
   };
   const fs::path dir = test::fresh_test_dir("stereo-rates");
   for (const auto& c : cases) {
@@ -222,9 +222,9 @@ TEST(StereoEncode, Signals) {
   };
   const std::vector<Case> cases = {
       {"sine_1k_-6dBFS", [](std::uint32_t r, std::size_t n) { return sine(r, n, 1000.0, 0.5); }, 80.0},
-      {"noise", [](std::uint32_t r, std::size_t n) { return noise(r, n, 0.5, 11); }, 25.0},
-      {"sweep", sweep, 40.0},
-      {"transients", transients, 25.0},
+      {"noise", [](std::uint32_t r, std::size_t n) { return noise(r, n, 0.5, 11); }, 32.0},
+      {"sweep", sweep, 77.0},
+      {"transients", transients, 50.0},
   };
   const fs::path dir = test::fresh_test_dir("stereo-signals");
   for (const auto& c : cases) {

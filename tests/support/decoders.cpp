@@ -134,7 +134,9 @@ void write_bytes(const std::filesystem::path& path, const std::vector<std::uint8
 
 StreamInfo probe_stream(const std::filesystem::path& file) {
   StreamInfo info;
-  info.run = run_command({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
+  // The raw DTS format is named: ffmpeg's content probe is not sure of a
+  // stream only a few frames long.
+  info.run = run_command({"ffprobe", "-v", "error", "-f", "dts", "-select_streams", "a:0", "-show_entries",
                           "stream=codec_name,sample_rate,channels,channel_layout,bit_rate", "-of",
                           "default=noprint_wrappers=1", file.string()});
   if (info.run.exit_status != 0) return info;
@@ -170,7 +172,8 @@ DecodedAudio decode_with_ffmpeg(const std::filesystem::path& file, int channels)
     }
     channels = info.channels;
   }
-  decoded.run = run_command({"ffmpeg", "-nostdin", "-v", "error", "-i", file.string(), "-f", "f32le", "-"});
+  decoded.run =
+      run_command({"ffmpeg", "-nostdin", "-v", "error", "-f", "dts", "-i", file.string(), "-f", "f32le", "-"});
   const std::string& raw = decoded.run.out;
   const std::size_t frames = raw.size() / (sizeof(float) * static_cast<std::size_t>(channels));
   decoded.channels.assign(static_cast<std::size_t>(channels), std::vector<float>(frames));
