@@ -70,7 +70,8 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   if (next > cfg.abits_max) return false;
 
   const double* x = &frame.samples[static_cast<std::size_t>(index) * kSamplesPerBand];
-  const QuantizerChoice q = choose_baseline_quantizer(x, kSamplesPerBand, next, next);
+  // band.peak is the largest magnitude of x, so the samples need no rescan.
+  const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next);
   double err = 0.0;
   for (std::size_t k = 0; k < kSamplesPerBand; ++k) {
     // index * quantum is the decoder's value; quantize() already clamped

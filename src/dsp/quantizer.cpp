@@ -1,5 +1,6 @@
 #include "dsp/quantizer.h"
 
+#include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
@@ -32,45 +33,44 @@ double scale_value(unsigned scale_index) {
   return kScaleFactor6[scale_index];
 }
 
+QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high) {
+  if (low < kMinDirectAbits || high > kMaxDirectAbits || low > high)
+    throw std::invalid_argument("baseline ABITS range must be within 8..26");
+  if (!(peak > 1e-18)) return {};
+  const double* const first = kScaleFactor6.data();
+  const double* const last = first + kScaleFactor6Count;
+  for (unsigned a = low; a <= high; ++a) {
+    const double levels = static_cast<double>(index_max(a));
+    const double needed = peak / (levels * kStepSize[a]);
+    // Also false for NaN, which no scale fits.
+    if (!(needed <= last[-1])) continue;
+    // The table ascends, so the first entry not below `needed` is the
+    // smallest scale that fits.
+    const double* const found = std::lower_bound(first, last, needed);
+    QuantizerChoice c;
+    c.abits = static_cast<std::uint8_t>(a);
+    c.scale_index = static_cast<std::uint8_t>(found - first);
+    c.scale = *found;
+    c.step = kStepSize[a];
+    c.quantum = c.scale * c.step;
+    return c;
+  }
+  throw std::invalid_argument("DTS baseline quantizer cannot represent subband peak");
+}
+
 QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t count, unsigned low, unsigned high) {
   if (samples == nullptr && count != 0) throw std::invalid_argument("null samples");
   if (low < kMinDirectAbits || high > kMaxDirectAbits || low > high)
     throw std::invalid_argument("baseline ABITS range must be within 8..26");
   double peak = 0.0;
-  for (std::size_t i = 0; i < count; ++i) peak = std::fmax(peak, std::fabs(samples[i]));
-  if (peak <= 1e-18) return {};
-  for (unsigned a = low; a <= high; ++a) {
-    const double levels = static_cast<double>(index_max(a));
-    const double needed = peak / (levels * kStepSize[a]);
-    for (unsigned s = 0; s < kScaleFactor6Count; ++s) {
-      if (kScaleFactor6[s] >= needed) {
-        QuantizerChoice c;
-        c.abits = static_cast<std::uint8_t>(a);
-        c.scale_index = static_cast<std::uint8_t>(s);
-        c.scale = kScaleFactor6[s];
-        c.step = kStepSize[a];
-        c.quantum = c.scale * c.step;
-        return c;
-      }
-    }
+  for (std::size_t i = 0; i < count; ++i) {
+    const double m = std::fabs(samples[i]);
+    peak = m > peak ? m : peak;  // a NaN sample leaves the peak alone
   }
-  throw std::invalid_argument("DTS baseline quantizer cannot represent subband peak");
+  return baseline_quantizer_for_peak(peak, low, high);
 }
 
-std::int32_t quantize(double x, const QuantizerChoice& choice) {
-  if (choice.abits == 0) return 0;
-  // nearbyint honours the current rounding mode, which the program leaves at
-  // round-half-to-even.
-  const double q = std::nearbyint(x / choice.quantum);
-  if (!direct_abits(choice.abits)) throw std::invalid_argument("direct NFE quantizer requires ABITS 8..26");
-  const auto lo = static_cast<double>(index_min(choice.abits));
-  const auto hi = static_cast<double>(index_max(choice.abits));
-  // Clamp in double so that huge values never reach the integer cast; a NaN
-  // sample carries no information and codes as 0.
-  if (std::isnan(q)) return 0;
-  const double clamped = q < lo ? lo : (q > hi ? hi : q);
-  return static_cast<std::int32_t>(clamped);
-}
+void throw_quantizer_abits() { throw std::invalid_argument("direct NFE quantizer requires ABITS 8..26"); }
 
 double dequantize(std::int32_t index, const QuantizerChoice& choice) {
   if (choice.abits == 0) return 0.0;
