@@ -66,6 +66,10 @@ TEST(Cli, FailuresLeaveTheOutputBehind) {
   write_wav_file((dir / "five.wav").string(), std::vector<std::vector<double>>(6, std::vector<double>(10)), 48000,
                  SampleFormat::s16le, 0x3Fu);
   test::write_bytes(dir / "song.FLAC", {1, 2, 3});
+  // A header that promises more audio than the file holds.
+  auto truncated = build_wav_bytes({std::vector<double>(4000), std::vector<double>(4000)}, 48000, SampleFormat::s16le);
+  truncated.resize(truncated.size() - 100);
+  test::write_bytes(dir / "truncated.wav", truncated);
   test::write_bytes(dir / "song.flac.wav", {'n', 'o', 't'});
   test::write_bytes(dir / "hostile.wav", {'R', 'I', 'F', 'F', 0, 0, 0, 0, 'W', 'A', 'V', 'E', 'f', 'm', 't', ' ',
                                           0xFF, 0xFF, 0xFF, 0x7F});
@@ -89,6 +93,10 @@ TEST(Cli, FailuresLeaveTheOutputBehind) {
        "--production-candidate is not available in this version yet", true},
       {{(dir / "stereo.wav").string(), out, "--matrix-decode"}, "--matrix-decode is not available in this version yet",
        true},
+      {{(dir / "five.wav").string(), out, "--matrix-decode", "--dev-matrix-memory-reference"},
+       "--matrix-decode requires 2-channel stereo input", true},
+      {{(dir / "truncated.wav").string(), out, "--matrix-decode", "--dev-matrix-memory-reference"},
+       "unexpected end of PCM input", true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error);
@@ -101,6 +109,19 @@ TEST(Cli, FailuresLeaveTheOutputBehind) {
       EXPECT_EQ(fs::file_size(out), 0u);
     }
   }
+}
+
+TEST(Cli, ShortAudioKeepsTheFramesAlreadyMade) {
+  const fs::path dir = test::fresh_test_dir("cli-short");
+  auto bytes = build_wav_bytes({std::vector<double>(4000, 0.1), std::vector<double>(4000, -0.1)}, 48000,
+                               SampleFormat::s16le);
+  bytes.resize(bytes.size() - 100);
+  test::write_bytes(dir / "short.wav", bytes);
+  const auto r = tavrin({(dir / "short.wav").string(), (dir / "out.dts").string()});
+  EXPECT_EQ(r.exit_status, 1);
+  EXPECT_EQ(r.err, "Tavrin-DTS: unexpected end of PCM input\n");
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(fs::file_size(dir / "out.dts"), 3u * 2048u);
 }
 
 TEST(Cli, FlacIsRecognisedByTheLastExtension) {
