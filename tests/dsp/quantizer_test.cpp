@@ -2,26 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
-#include <stdexcept>
-#include <string>
+#include <random>
 #include <vector>
 
 #include "bitstream/bit_writer.h"
+#include "bitstream/test_util.h"
 #include "dsp/quant_tables.h"
 
 namespace tavrin {
 namespace {
 
-std::string message_of(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::invalid_argument& e) {
-    return e.what();
-  }
-  return "<no invalid_argument>";
-}
+using test::message_of;
+
+double levels(unsigned abits) { return std::ldexp(1.0, static_cast<int>(abits) - 4) - 1.0; }
 
 TEST(QuantTables, CheckValuesAndLengths) {
   ASSERT_EQ(kScaleFactor6Count, 63u);
@@ -29,119 +25,123 @@ TEST(QuantTables, CheckValuesAndLengths) {
   const std::vector<double> first = {1, 2, 2, 3, 3, 4, 6, 7, 10, 12, 16, 20, 26, 34};
   for (std::size_t i = 0; i < first.size(); ++i) EXPECT_EQ(kScaleFactor6[i], first[i]) << i;
   EXPECT_EQ(kScaleFactor6[60], 5011872.0);
-  EXPECT_EQ(kScaleFactor6[61], 6456542.0);
   EXPECT_EQ(kScaleFactor6[62], 8317638.0);
   EXPECT_EQ(kScaleFactor6[63], 0.0);
   for (std::size_t i = 1; i < kScaleFactor6Count; ++i) EXPECT_GE(kScaleFactor6[i], kScaleFactor6[i - 1]) << i;
-
   ASSERT_EQ(kStepSize.size(), 27u);
-  EXPECT_EQ(kStepSize[0], 0.0);
-  EXPECT_EQ(step_size(1), 1.5999999046325684);
-  EXPECT_EQ(step_size(2), 1.0);
-  EXPECT_EQ(step_size(8), 0.19000005722045898);
-  EXPECT_EQ(step_size(26), 5.0067901611328125e-06);
+  const std::pair<unsigned, double> steps[] = {
+      {0, 0.0}, {1, 1.5999999046325684}, {2, 1.0}, {8, 0.19000005722045898}, {26, 5.0067901611328125e-06}};
+  for (const auto& [a, v] : steps) EXPECT_EQ(step_size(a), v) << a;
   for (std::size_t a = 2; a < kStepSize.size(); ++a) EXPECT_LT(kStepSize[a], kStepSize[a - 1]) << a;
 }
 
-TEST(Quantizer, LookupsRejectOutOfRange) {
-  EXPECT_EQ(scale_value(62), 8317638.0);
-  const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+TEST(Quantizer, Messages) {
+  const double one = 1.0, too_big = levels(26) * kStepSize[26] * kScaleFactor6[62] * 1.0001;
+  BitWriter w;  // the NFE writer checks before it writes
+  const std::pair<std::function<void()>, std::string> cases[] = {
       {[] { scale_value(63); }, "invalid DTS 6-bit scale-factor index"},
       {[] { step_size(27); }, "invalid DTS lossy ABITS"},
       {[] { nfe_width(7); }, "NFE direct coding requires ABITS 8..26"},
       {[] { nfe_width(27); }, "NFE direct coding requires ABITS 8..26"},
       {[] { choose_baseline_quantizer(nullptr, 1, 8, 26); }, "null samples"},
-      {[] { double x = 1; choose_baseline_quantizer(&x, 1, 7, 26); }, "baseline ABITS range must be within 8..26"},
-      {[] { double x = 1; choose_baseline_quantizer(&x, 1, 8, 27); }, "baseline ABITS range must be within 8..26"},
-      {[] { double x = 1; choose_baseline_quantizer(&x, 1, 12, 11); }, "baseline ABITS range must be within 8..26"},
+      {[&] { choose_baseline_quantizer(&one, 1, 7, 26); }, "baseline ABITS range must be within 8..26"},
+      {[&] { choose_baseline_quantizer(&one, 1, 12, 11); }, "baseline ABITS range must be within 8..26"},
+      {[] { baseline_quantizer_for_peak(1.0, 8, 27); }, "baseline ABITS range must be within 8..26"},
+      {[&] { choose_baseline_quantizer(&too_big, 1, 26, 26); }, "DTS baseline quantizer cannot represent subband peak"},
+      {[] { baseline_quantizer_for_peak(INFINITY, 8, 26); }, "DTS baseline quantizer cannot represent subband peak"},
       {[] { dequantize(0, QuantizerChoice{7, 0, 1, 1, 1}); }, "direct NFE quantizer requires ABITS 8..26"},
+      {[] { quantize(1.0, QuantizerChoice{27, 0, 1, 1, 1}); }, "direct NFE quantizer requires ABITS 8..26"},
       {[] { dequantize(16, QuantizerChoice{8, 0, 1, 1, 1}); }, "quantization index outside DTS NFE range"},
       {[] { dequantize(-17, QuantizerChoice{8, 0, 1, 1, 1}); }, "quantization index outside DTS NFE range"},
-      {[] { quantize(1.0, QuantizerChoice{27, 0, 1, 1, 1}); }, "direct NFE quantizer requires ABITS 8..26"},
+      {[&] { write_nfe(w, 16, 8); }, "NFE quantization index out of signed range"},
+      {[&] { write_nfe(w, -17, 8); }, "NFE quantization index out of signed range"},
+      {[&] { write_nfe(w, 0, 7); }, "NFE direct coding requires ABITS 8..26"},
   };
   for (const auto& [f, want] : cases) EXPECT_EQ(message_of(f), want);
+  EXPECT_EQ(w.bit_count(), 0u);
   EXPECT_EQ(nfe_width(8), 5u);
   EXPECT_EQ(nfe_width(26), 23u);
   EXPECT_NO_THROW(choose_baseline_quantizer(nullptr, 0, 8, 26));
 }
 
-TEST(Quantizer, ChoosesFirstFittingAbitsAndSmallestScale) {
-  const double step8 = 0.19000005722045898;
-  const double peak_max26 = 4194303.0 * step_size(26) * 8317638.0;
-  struct Case {
-    double peak;
-    unsigned low, high;
-    unsigned abits, scale_index;
+// The lookup against the plain definition (the first ABITS, then the smallest
+// scale, that fit the peak) exactly on, just below and just above every scale
+// of every ABITS; the duplicate scales (2, 2 and 3, 3) must give the first index.
+TEST(Quantizer, ChoiceMatchesLinearScanOnEveryBoundary) {
+  const auto scan = [](double peak, unsigned low, unsigned high) -> std::pair<unsigned, unsigned> {
+    for (unsigned a = low; a <= high; ++a)
+      for (unsigned s = 0; s < kScaleFactor6Count; ++s)
+        if (kScaleFactor6[s] >= peak / (levels(a) * kStepSize[a])) return {a, s};
+    return {0, 0};
   };
-  const std::vector<Case> cases = {
-      {1e-18, 8, 26, 0, 0},
-      {15 * step8, 8, 26, 8, 0},
-      {15 * step8 * 1.0001, 8, 26, 8, 1},  // a bigger scale, not a bigger ABITS
-      {15 * step8 * 8317638.0, 8, 26, 8, 62},
-      {15 * step8 * 8317638.0 * 1.0001, 8, 26, 9, 62},
-      {peak_max26, 26, 26, 26, 62},
-      {1e-17, 16, 16, 16, 0},
-  };
-  for (const auto& c : cases) {
-    // The sign must not matter: the peak is taken over magnitudes.
-    const std::vector<double> samples = {0.0, -c.peak, c.peak * 0.5};
-    const QuantizerChoice q = choose_baseline_quantizer(samples.data(), samples.size(), c.low, c.high);
-    EXPECT_EQ(q.abits, c.abits) << c.peak;
-    EXPECT_EQ(q.scale_index, c.scale_index) << c.peak;
-    if (c.abits == 0) {
-      EXPECT_EQ(q.scale, 0.0);
-      EXPECT_EQ(q.quantum, 0.0);
-    } else {
-      EXPECT_EQ(q.scale, scale_value(c.scale_index));
-      EXPECT_EQ(q.step, step_size(c.abits));
-      EXPECT_EQ(q.quantum, q.scale * q.step);
-      EXPECT_LE(c.peak / q.quantum, std::ldexp(1.0, c.abits - 4) - 1 + 1e-9);
+  for (unsigned a = 8; a <= 26; ++a) {
+    for (unsigned s = 0; s < kScaleFactor6Count; ++s) {
+      const double on = kScaleFactor6[s] * levels(a) * kStepSize[a];
+      for (const double peak : {on, std::nextafter(on, 0.0), std::nextafter(on, 1e300)}) {
+        for (const unsigned high : {a, 26u}) {
+          const auto [want_a, want_s] = scan(peak, a, high);
+          if (want_a == 0) {
+            EXPECT_THROW(baseline_quantizer_for_peak(peak, a, high), std::invalid_argument);
+            continue;
+          }
+          // The sign of a sample must not matter, nor a NaN among them.
+          const double samples[] = {peak * 0.25, -peak, NAN};
+          for (const QuantizerChoice& q :
+               {baseline_quantizer_for_peak(peak, a, high), choose_baseline_quantizer(samples, 3, a, high)}) {
+            ASSERT_EQ(q.abits, want_a) << peak;
+            ASSERT_EQ(q.scale_index, want_s) << peak << " abits " << a;
+            EXPECT_EQ(q.scale, kScaleFactor6[want_s]);
+            EXPECT_EQ(q.step, kStepSize[want_a]);
+            EXPECT_EQ(q.quantum, q.scale * q.step);
+          }
+        }
+      }
     }
   }
-  const double too_big = peak_max26 * 1.0001;
-  EXPECT_EQ(message_of([&] { choose_baseline_quantizer(&too_big, 1, 26, 26); }),
-            "DTS baseline quantizer cannot represent subband peak");
+  for (const double silent : {0.0, 1e-18, -1.0, double{NAN}}) {
+    const QuantizerChoice q = baseline_quantizer_for_peak(silent, 8, 26);
+    EXPECT_EQ(q.abits, 0u);
+    EXPECT_EQ(q.quantum, 0.0);
+  }
 }
 
-TEST(Quantizer, RoundsHalfToEvenClampsAndReconstructs) {
-  const QuantizerChoice c{8, 3, 3.0, step_size(8), 3.0 * step_size(8)};
-  struct Case {
-    double units;
-    std::int32_t index;
-  };
-  const std::vector<Case> cases = {{2.5, 2}, {3.5, 4}, {-2.5, -2}, {0.49, 0}, {15.0, 15},
-                                   {15.6, 15}, {1e30, 15}, {-16.0, -16}, {-1e30, -16}};
-  for (const auto& k : cases) EXPECT_EQ(quantize(k.units * c.quantum, c), k.index) << k.units;
-  EXPECT_EQ(quantize(NAN, c), 0);
+// Against libm: round half to even, clamp to the index range, NaN to 0.
+TEST(Quantizer, RoundingMatchesLibmEverywhere) {
+  std::mt19937_64 rng(7);
+  std::uniform_real_distribution<double> unit(-1.2, 1.2);
+  for (unsigned a = 8; a <= 26; ++a) {
+    const QuantizerChoice q = baseline_quantizer_for_peak(1000.0, a, a);
+    const double top = levels(a);
+    std::vector<double> units = {0.5, -0.5, 1.5, -1.5, 2.5, top - 0.5, top + 0.5, -top - 0.5, -top - 1.5,
+                                 -0.0, 1e300, -1e300, INFINITY, -INFINITY, double{NAN}};
+    for (int i = 0; i < 2000; ++i) units.push_back(unit(rng) * top);
+    for (int i = 0; i < 200; ++i) units.push_back(std::floor(unit(rng) * top) + 0.5);  // exact ties
+    for (const double u : units) {
+      const double r = std::nearbyint(u);
+      const double want = std::isnan(r) ? 0.0 : std::clamp(r, -top - 1.0, top);
+      ASSERT_EQ(quantize(u * q.quantum, q), want) << "abits " << a << " units " << u;
+    }
+    EXPECT_EQ(dequantize(-static_cast<std::int32_t>(top) - 1, q), (-top - 1.0) * q.quantum);
+  }
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
-  EXPECT_EQ(dequantize(-16, c), -16 * c.quantum);
   EXPECT_EQ(dequantize(5, QuantizerChoice{}), 0.0);
-  const QuantizerChoice wide{26, 0, 1.0, step_size(26), step_size(26)};
-  EXPECT_EQ(quantize(1e9, wide), 4194303);
-  EXPECT_EQ(quantize(-1e9, wide), -4194304);
 }
 
 TEST(Quantizer, WritesNfeFieldsAndDsync) {
-  struct Case {
+  const struct {
     std::int32_t index;
     unsigned abits;
-    std::uint32_t code;  // expected field, ABITS - 3 bits wide
-  };
-  const std::vector<Case> cases = {{-16, 8, 0x10}, {15, 8, 0x0F}, {-1, 8, 0x1F}, {0, 12, 0},
-                                   {-4194304, 26, 0x400000}, {4194303, 26, 0x3FFFFF}, {-1, 26, 0x7FFFFF}};
+    std::uint32_t code;  // ABITS - 3 bits wide
+  } cases[] = {{-16, 8, 0x10}, {15, 8, 0x0F}, {-1, 8, 0x1F}, {0, 12, 0},
+               {-4194304, 26, 0x400000}, {4194303, 26, 0x3FFFFF}, {-1, 26, 0x7FFFFF}};
   for (const auto& c : cases) {
     BitWriter w;
     write_nfe(w, c.index, c.abits);
     ASSERT_EQ(w.bit_count(), c.abits - 3);
-    std::uint32_t got = 0;
-    for (unsigned i = 0; i < w.bit_count(); ++i) got = (got << 1) | ((w.bytes()[i / 8] >> (7 - i % 8)) & 1u);
-    EXPECT_EQ(got, c.code) << c.index << " @" << c.abits;
+    test::BitReader r{w.bytes()};
+    EXPECT_EQ(r.read(c.abits - 3), c.code) << c.index << " @" << c.abits;
   }
   BitWriter w;
-  EXPECT_EQ(message_of([&] { write_nfe(w, 16, 8); }), "NFE quantization index out of signed range");
-  EXPECT_EQ(message_of([&] { write_nfe(w, -17, 8); }), "NFE quantization index out of signed range");
-  EXPECT_EQ(message_of([&] { write_nfe(w, 0, 7); }), "NFE direct coding requires ABITS 8..26");
-  EXPECT_EQ(w.bit_count(), 0u);
   write_dsync(w);
   EXPECT_EQ(w.bytes(), (std::vector<std::uint8_t>{0xFF, 0xFF}));
 }
