@@ -72,14 +72,8 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   const double* x = &frame.samples[static_cast<std::size_t>(index) * kSamplesPerBand];
   // band.peak is the largest magnitude of x, so the samples need no rescan.
   const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next);
-  double err = 0.0;
-  for (std::size_t k = 0; k < kSamplesPerBand; ++k) {
-    // index * quantum is the decoder's value; quantize() already clamped
-    // the index into range, so the checked dequantize() is not needed here.
-    const double d = x[k] - static_cast<double>(quantize(x[k], q)) * q.quantum;
-    err += d * d;
-  }
-  const double dn = err / static_cast<double>(kSamplesPerBand);
+  // index * quantum is the decoder's value.
+  const double dn = quantization_error<kSamplesPerBand>(x, q) / static_cast<double>(kSamplesPerBand);
   const std::uint64_t delta = band_bit_cost(next) - band_bit_cost(band.abits);
 
   step.distortion = dn;
@@ -102,59 +96,58 @@ void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
   total += step.delta;
 }
 
-// Heap entries stay small; the step itself waits in a per-band slot.
-struct HeapKey {
-  double gain = 0.0;
-  std::uint32_t band = 0;
-};
+// The search keeps its candidates in a tournament tree over the bands: each
+// inner node holds the better of its two children, so the root is the best
+// pending step. Taking a step changes only that band's key, and one pass up
+// its path (one comparison per level, no data-dependent descent as in a
+// binary heap) restores the tree. The order is the heap's: larger gain
+// first, then the lower (subframe, channel, band), which as the left child
+// wins ties.
+struct Tournament {
+  std::size_t leaves = 1;            // power of two >= band count
+  std::vector<double> gain;          // per band
+  std::vector<std::uint8_t> alive;   // per band; padding leaves are never alive
+  std::vector<std::uint32_t> winner;  // [1, leaves): inner nodes; [leaves, 2 * leaves): the bands
 
-// Max-heap order: larger gain first, then the lower (subframe, channel, band).
-bool heap_before(const HeapKey& a, const HeapKey& b) {
-  if (a.gain != b.gain) return a.gain > b.gain;
-  return a.band < b.band;
-}
-
-// Restores the heap below `pos` after its key was replaced. Replacing the
-// top in place costs one sift instead of a pop and a push, and an applied
-// band almost always has a next step to put back.
-void sift_down(std::vector<HeapKey>& heap, std::size_t pos) {
-  const std::size_t n = heap.size();
-  const HeapKey key = heap[pos];
-  for (;;) {
-    std::size_t child = 2 * pos + 1;
-    if (child >= n) break;
-    if (child + 1 < n && heap_before(heap[child + 1], heap[child])) ++child;
-    if (!heap_before(heap[child], key)) break;
-    heap[pos] = heap[child];
-    pos = child;
+  std::uint32_t better(std::uint32_t left, std::uint32_t right) const {
+    return alive[right] != 0 && (alive[left] == 0 || gain[right] > gain[left]) ? right : left;
   }
-  heap[pos] = key;
-}
+  void update(std::uint32_t band) {
+    for (std::size_t k = (leaves + band) / 2; k >= 1; k /= 2) winner[k] = better(winner[2 * k], winner[2 * k + 1]);
+  }
+};
 
 void heap_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
                  std::uint64_t& total) {
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
   std::vector<Step> pending(count);
-  std::vector<HeapKey> heap;
-  heap.reserve(count);
-  for (std::uint32_t i = 0; i < count; ++i)
-    if (evaluate_step(frame, i, cfg, threshold, pending[i])) heap.push_back({pending[i].gain_unit, i});
-  for (std::size_t i = heap.size() / 2; i-- > 0;) sift_down(heap, i);
-  while (!heap.empty()) {
-    const std::uint32_t index = heap.front().band;
+  Tournament t;
+  while (t.leaves < count) t.leaves *= 2;
+  t.gain.assign(t.leaves, 0.0);
+  t.alive.assign(t.leaves, 0);
+  t.winner.resize(2 * t.leaves);
+  for (std::uint32_t i = 0; i < count; ++i) {
+    if (evaluate_step(frame, i, cfg, threshold, pending[i])) {
+      t.gain[i] = pending[i].gain_unit;
+      t.alive[i] = 1;
+    }
+  }
+  for (std::size_t i = 0; i < t.leaves; ++i) t.winner[t.leaves + i] = static_cast<std::uint32_t>(i);
+  for (std::size_t k = t.leaves; k-- > 1;) t.winner[k] = t.better(t.winner[2 * k], t.winner[2 * k + 1]);
+  for (;;) {
+    const std::uint32_t index = t.winner[1];
+    if (t.alive[index] == 0) break;
     Step& step = pending[index];
     bool keep = false;
     if (total + step.delta <= budget) {
       apply_step(frame, step, total);
       keep = evaluate_step(frame, index, cfg, threshold, step);
     }  // else: this band grows no further
-    if (keep) {
-      heap.front().gain = step.gain_unit;
-    } else {
-      heap.front() = heap.back();
-      heap.pop_back();
-    }
-    if (!heap.empty()) sift_down(heap, 0);
+    if (keep)
+      t.gain[index] = step.gain_unit;
+    else
+      t.alive[index] = 0;
+    t.update(index);
   }
 }
 
@@ -236,11 +229,6 @@ bool scan_switch_from_environment() {
 }  // namespace
 
 AllocationConfig stereo_allocation_config() { return AllocationConfig{}; }
-
-std::uint64_t band_bit_cost(unsigned abits) {
-  if (abits == 0) return 0;
-  return 8u * (static_cast<std::uint64_t>(abits) - 3u) + 6u;
-}
 
 std::uint64_t count_allocation_bits(const AllocationPlan& plan, std::size_t channels) {
   if (plan.subframes.size() != kAllocationSubframes)

@@ -47,7 +47,10 @@ inline constexpr std::size_t kAllocationSubframes = 4;
 inline constexpr std::size_t kAllocationBands = 32;
 
 // Bits of one band's audio data plus its scale factor at ABITS a (0 for a silent band).
-std::uint64_t band_bit_cost(unsigned abits);
+// Inline: the allocators price every step they weigh with it.
+inline std::uint64_t band_bit_cost(unsigned abits) {
+  return abits == 0 ? 0 : 8u * (static_cast<std::uint64_t>(abits) - 3u) + 6u;
+}
 
 // Side information plus the payload of every coded band, counted from
 // scratch. Throws std::runtime_error "allocation subframe count mismatch",

@@ -23,10 +23,7 @@ std::int64_t index_max(unsigned abits) { return (std::int64_t{1} << (abits - 4))
 
 }  // namespace
 
-double step_size(unsigned abits) {
-  if (abits >= kStepSizeCount) throw std::invalid_argument("invalid DTS lossy ABITS");
-  return kStepSize[abits];
-}
+void throw_step_size_abits() { throw std::invalid_argument("invalid DTS lossy ABITS"); }
 
 double scale_value(unsigned scale_index) {
   if (scale_index >= kScaleFactor6Count) throw std::invalid_argument("invalid DTS 6-bit scale-factor index");

@@ -4,6 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "dsp/quant_tables.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace tavrin {
 
 struct BitWriter;
@@ -16,7 +22,7 @@ struct QuantizerChoice {
   double quantum = 0.0;  // scale * step: the value of one index unit
 };
 
-double step_size(unsigned abits);          // "invalid DTS lossy ABITS"
+inline double step_size(unsigned abits);   // "invalid DTS lossy ABITS"
 double scale_value(unsigned scale_index);  // "invalid DTS 6-bit scale-factor index"
 QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t count, unsigned low, unsigned high);
 // choose_baseline_quantizer for samples whose largest magnitude is `peak`
@@ -29,24 +35,68 @@ void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits);
 void write_dsync(BitWriter& writer);
 
 [[noreturn]] void throw_quantizer_abits();
+[[noreturn]] void throw_step_size_abits();
 
-// Inline because the allocator calls it for every sample of every step it
-// weighs. Round half to even on x / quantum, clamped to the index range, a
-// NaN sample coding as 0.
-inline std::int32_t quantize(double x, const QuantizerChoice& choice) {
-  const unsigned a = choice.abits;
-  if (a == 0) return 0;
-  if (a < 8 || a > 26) throw_quantizer_abits();
-  const double r = x / choice.quantum;
-  if (r != r) return 0;
-  const auto half = static_cast<double>(std::int32_t{1} << (a - 4));
+// Inline, like quantize: the rate allocators look step sizes up per band.
+inline double step_size(unsigned abits) {
+  if (abits >= kStepSizeCount) throw_step_size_abits();
+  return kStepSize[abits];
+}
+
+// Round half to even on x / quantum, clamped to the index range of `abits`
+// (8..26), a NaN sample coding as 0; the result is an integral double.
+inline double quantized_units(double x, double quantum, unsigned abits) {
+  const double r = x / quantum;
+  const auto half = static_cast<double>(std::int32_t{1} << (abits - 4));
   // Clamping to integer bounds before rounding gives what rounding first
   // would, and keeps the value small enough for the 1.5 * 2^52 shift: the
   // sum has no fraction bits left, so the FPU's round-to-nearest-even mode
   // (which the program never changes) does the rounding without a libm call.
   const double clamped = r < -half ? -half : (r > half - 1.0 ? half - 1.0 : r);
   constexpr double kShift = 0x1.8p52;
-  return static_cast<std::int32_t>((clamped + kShift) - kShift);
+  const double rounded = (clamped + kShift) - kShift;
+  return r == r ? rounded : 0.0;
+}
+
+// Inline because the allocators call it for every sample of every step they
+// weigh.
+inline std::int32_t quantize(double x, const QuantizerChoice& choice) {
+  if (choice.abits == 0) return 0;
+  if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
+  return static_cast<std::int32_t>(quantized_units(x, choice.quantum, choice.abits));
+}
+
+// Sum over N samples (N even) of (x - quantize(x) * quantum)^2, added in
+// order.
+template <std::size_t N>
+double quantization_error(const double* x, const QuantizerChoice& choice) {
+  static_assert(N % 2 == 0);
+  double d[N];
+  if (choice.abits == 0) {
+    for (std::size_t k = 0; k < N; ++k) d[k] = x[k];
+  } else {
+    if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
+#if defined(__SSE2__)
+    // quantized_units two samples at a time. maxpd yields its second
+    // operand for a NaN, so a NaN sample comes out of the clamp as the
+    // lower bound; the ordered mask then turns it into 0.
+    const auto half = static_cast<double>(std::int32_t{1} << (choice.abits - 4));
+    const __m128d quantum = _mm_set1_pd(choice.quantum);
+    const __m128d lo = _mm_set1_pd(-half), hi = _mm_set1_pd(half - 1.0), shift = _mm_set1_pd(0x1.8p52);
+    for (std::size_t k = 0; k < N; k += 2) {
+      const __m128d v = _mm_loadu_pd(x + k);
+      const __m128d r = _mm_div_pd(v, quantum);
+      const __m128d clamped = _mm_min_pd(_mm_max_pd(r, lo), hi);
+      const __m128d rounded = _mm_and_pd(_mm_cmpord_pd(r, r), _mm_sub_pd(_mm_add_pd(clamped, shift), shift));
+      _mm_storeu_pd(d + k, _mm_sub_pd(v, _mm_mul_pd(rounded, quantum)));
+    }
+#else
+    for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - quantized_units(x[k], choice.quantum, choice.abits) * choice.quantum;
+#endif
+  }
+  double sum = 0.0;
+  for (std::size_t k = 0; k < N; ++k) sum += d[k] * d[k];
+  return sum;
 }
 
 }  // namespace tavrin

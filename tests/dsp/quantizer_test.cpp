@@ -122,7 +122,20 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
       ASSERT_EQ(quantize(u * q.quantum, q), want) << "abits " << a << " units " << u;
     }
     EXPECT_EQ(dequantize(-static_cast<std::int32_t>(top) - 1, q), (-top - 1.0) * q.quantum);
+    // The allocator's eight-sample error sum is quantize() sample by sample.
+    for (std::size_t i = 0; i + 8 <= units.size(); i += 8) {
+      double x[8], want = 0.0;
+      for (std::size_t k = 0; k < 8; ++k) {
+        x[k] = units[i + k] * q.quantum;
+        const double d = x[k] - quantize(x[k], q) * q.quantum;
+        want += d * d;
+      }
+      const double got = quantization_error<8>(x, q);
+      ASSERT_TRUE(got == want || (std::isnan(got) && std::isnan(want))) << "abits " << a << " at " << i;
+    }
   }
+  const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
+  EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
   EXPECT_EQ(dequantize(5, QuantizerChoice{}), 0.0);
 }
