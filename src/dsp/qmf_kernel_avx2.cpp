@@ -63,13 +63,7 @@ TAVRIN_AVX2 void qmf_multiply_batch_avx2(double* out, std::size_t out_stride, co
     for (; n + 12 <= count; n += 12) tile_avx2<3>(dst + n, out_stride, rows, in + n, in_stride, scale);
     for (; n + 8 <= count; n += 8) tile_avx2<2>(dst + n, out_stride, rows, in + n, in_stride, scale);
     for (; n + 4 <= count; n += 4) tile_avx2<1>(dst + n, out_stride, rows, in + n, in_stride, scale);
-    for (; n < count; ++n) {
-      for (std::size_t i = 0; i < 4; ++i) {
-        double sum = 0.0;
-        for (std::size_t c = 0; c < kQmfBands; ++c) sum += rows[i * kQmfBands + c] * in[c * in_stride + n];
-        dst[i * out_stride + n] += scale * sum;
-      }
-    }
+    for (; n < count; ++n) qmf_batch_tail_column(dst, out_stride, rows, in, in_stride, n, scale);
   }
 }
 

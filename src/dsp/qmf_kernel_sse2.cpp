@@ -62,13 +62,7 @@ TAVRIN_SSE2 void qmf_multiply_batch_sse2(double* out, std::size_t out_stride, co
     std::size_t n = 0;
     for (; n + 4 <= count; n += 4) tile_sse2<2>(dst + n, out_stride, rows, in + n, in_stride, scale);
     for (; n + 2 <= count; n += 2) tile_sse2<1>(dst + n, out_stride, rows, in + n, in_stride, scale);
-    for (; n < count; ++n) {
-      for (std::size_t i = 0; i < 4; ++i) {
-        double sum = 0.0;
-        for (std::size_t c = 0; c < kQmfBands; ++c) sum += rows[i * kQmfBands + c] * in[c * in_stride + n];
-        dst[i * out_stride + n] += scale * sum;
-      }
-    }
+    for (; n < count; ++n) qmf_batch_tail_column(dst, out_stride, rows, in, in_stride, n, scale);
   }
 }
 
