@@ -13,62 +13,56 @@ namespace {
 
 using test::BitReader;
 using test::message_of;
+using Fields = std::vector<std::uint32_t>;
 
+// SUBS 4, VQSUB 3: the shape subframe() fills.
 PrimaryHeader header(unsigned channels, std::uint8_t subfs, std::uint8_t bhuff, std::uint8_t shuff) {
-  PrimaryHeader h;
-  h.subfs = subfs;
-  for (unsigned c = 0; c < channels; ++c) {
-    h.subs.push_back(4);
-    h.vqsub.push_back(3);
-    h.joinx.push_back(0);
-    h.thuff.push_back(static_cast<std::uint8_t>(c));
-    h.shuff.push_back(shuff);
-    h.bhuff.push_back(bhuff);
-    h.sel.push_back({1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
-  }
-  return h;
+  return test::primary_header(channels, 4, 3, bhuff, shuff, subfs);
 }
 
 // Band 0 active at ABITS 8, band 1 silent, band 2 active at ABITS 12.
 Subframe subframe(unsigned channels, std::uint8_t ssc) {
   Subframe s;
   s.ssc = ssc;
-  for (unsigned c = 0; c < channels; ++c) {
-    s.pmode.push_back({0, 1, 0, 0});
-    s.pvq.push_back({0, 4095, 0, 0});
-    s.abits.push_back({8, 0, 12});
-    s.tmode.push_back({0, 0, 0});
-    s.scale.push_back({5, 0, 63});
-    s.scale2.push_back({0, 0, 0});
-    std::vector<std::int32_t> audio(24, 0);
-    for (int i = 0; i < 8; ++i) {
-      audio[static_cast<std::size_t>(i)] = i - 4;
-      audio[static_cast<std::size_t>(16 + i)] = 250 - 70 * i;
-    }
-    s.audio.push_back(audio);
+  std::vector<std::int32_t> audio(24, 0);
+  for (int i = 0; i < 8; ++i) {
+    audio[static_cast<std::size_t>(i)] = i - 4;
+    audio[static_cast<std::size_t>(16 + i)] = 250 - 70 * i;
   }
+  s.pmode.assign(channels, {0, 1, 0, 0});
+  s.pvq.assign(channels, {0, 4095, 0, 0});
+  s.abits.assign(channels, {8, 0, 12});
+  s.tmode.assign(channels, {0, 0, 0});
+  s.scale.assign(channels, {5, 0, 63});
+  s.scale2.assign(channels, {0, 0, 0});
+  s.audio.assign(channels, audio);
   return s;
 }
 
+FramePayload payload() {
+  FramePayload p;
+  p.header = header(2, 2, 5, 5);
+  p.lff = 2;
+  p.subframes = {subframe(2, 1), subframe(2, 1)};
+  for (auto& s : p.subframes) s.lfe = {-128, -1, 0, 127};
+  return p;
+}
+
+// Everything is checked before the first bit is written.
 TEST(Subframe, ValidationRules) {
-  struct Case {
+  const struct {
     void (*edit)(Subframe&, PrimaryHeader&);
     std::string message;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {[](Subframe& s, PrimaryHeader&) { s.ssc = 0; }, "SSC out of range"},
       {[](Subframe& s, PrimaryHeader&) { s.ssc = 5; }, "SSC out of range"},
       {[](Subframe& s, PrimaryHeader&) { s.psc = 8; }, "PSC out of range"},
       {[](Subframe& s, PrimaryHeader&) { s.psc = 1; }, "Phase-3 baseline does not emit partial subsubframes"},
-      {[](Subframe& s, PrimaryHeader&) { s.pmode.pop_back(); }, "side-info channel vector size mismatch"},
-      {[](Subframe& s, PrimaryHeader&) { s.scale2.pop_back(); }, "side-info channel vector size mismatch"},
       {[](Subframe& s, PrimaryHeader&) { s.audio.pop_back(); }, "side-info channel vector size mismatch"},
       {[](Subframe&, PrimaryHeader& h) { h.bhuff[1] = 4; }, "Phase-3 baseline requires linear BHUFF 5 or 6"},
       {[](Subframe&, PrimaryHeader& h) { h.shuff[0] = 0; }, "Phase-3 baseline requires linear SHUFF 5 or 6"},
       {[](Subframe&, PrimaryHeader& h) { h.joinx[1] = 1; }, "Phase-3 baseline disables joint intensity coding"},
       {[](Subframe& s, PrimaryHeader&) { s.pvq[1].pop_back(); }, "prediction vector size mismatch"},
-      {[](Subframe& s, PrimaryHeader&) { s.pmode[0].push_back(0); }, "prediction vector size mismatch"},
-      {[](Subframe& s, PrimaryHeader&) { s.abits[1].pop_back(); }, "ABITS/TMODE/SCALE vector size mismatch"},
       {[](Subframe& s, PrimaryHeader&) { s.scale2[0].push_back(0); }, "ABITS/TMODE/SCALE vector size mismatch"},
       {[](Subframe& s, PrimaryHeader&) { s.pmode[1][2] = 2; }, "DTS PMODE must be 0 or 1"},
       {[](Subframe& s, PrimaryHeader&) { s.pvq[1][1] = 4096; }, "DTS PVQ index exceeds 12-bit range"},
@@ -82,7 +76,6 @@ TEST(Subframe, ValidationRules) {
       {[](Subframe& s, PrimaryHeader&) { s.scale[0][0] = 64; }, "scale index does not fit selected SHUFF"},
       {[](Subframe& s, PrimaryHeader& h) { h.shuff[0] = 6; s.scale[0][0] = 128; }, "scale index does not fit selected SHUFF"},
       {[](Subframe& s, PrimaryHeader&) { s.scale[1][1] = 1; }, "scale factor must be absent/zero when ABITS is zero"},
-      {[](Subframe& s, PrimaryHeader&) { s.scale2[1][1] = 1; }, "scale factor must be absent/zero when ABITS is zero"},
       {[](Subframe& s, PrimaryHeader&) { s.scale2[0][2] = 1; }, "second scale only present when TMODE>0"},
       {[](Subframe&, PrimaryHeader& h) { h.subs.pop_back(); }, "primary header channel vector size mismatch"},
   };
@@ -96,16 +89,15 @@ TEST(Subframe, ValidationRules) {
   }
   // The limits themselves are accepted.
   Subframe s = subframe(1, 4);
-  PrimaryHeader h = header(1, 1, 6, 6);
   s.abits[0] = {26, 0, 9};
   s.scale[0] = {127, 0, 0};
   s.tmode[0] = {3, 0, 1};
   s.scale2[0] = {127, 0, 0};
-  EXPECT_NO_THROW(validate_subframe(s, h, 1));
+  EXPECT_NO_THROW(validate_subframe(s, header(1, 1, 6, 6), 1));
 }
 
 TEST(Subframe, TmodeBooks) {
-  const std::vector<std::vector<std::pair<std::uint32_t, unsigned>>> books = {
+  const std::pair<std::uint32_t, unsigned> books[4][4] = {
       {{0b0, 1}, {0b10, 2}, {0b110, 3}, {0b111, 3}},
       {{0b10, 2}, {0b110, 3}, {0b111, 3}, {0b0, 1}},
       {{0b110, 3}, {0b111, 3}, {0b0, 1}, {0b10, 2}},
@@ -122,26 +114,23 @@ TEST(Subframe, TmodeBooks) {
 }
 
 TEST(Subframe, SideInfoLayout) {
-  // Two channels, SSC 2: channel 0 (book 0) has a transient in band 2, channel
-  // 1 (book 1) in band 0. Widths follow BHUFF 6 and SHUFF 6.
+  // SSC 2: channel 0 (book 0) has a transient in band 2, channel 1 (book 1)
+  // in band 0. Widths follow BHUFF 6 and SHUFF 6.
   Subframe s = subframe(2, 2);
   s.tmode[0][2] = 1;
   s.scale2[0][2] = 100;
   s.tmode[1][0] = 1;
   s.scale2[1][0] = 7;
-  PrimaryHeader h = header(2, 1, 6, 6);
   BitWriter w;
-  write_side_info(w, s, h, 2);
+  write_side_info(w, s, header(2, 1, 6, 6), 2);
   BitReader r{w.bytes()};
   // SSC-1, PSC, PMODE channel by channel, PVQ of both band-1s, ABITS.
-  EXPECT_EQ(test::read_fields(r, {2, 3, 8, 12, 12, 5, 5, 5, 5, 5, 5}),
-            (std::vector<std::uint32_t>{1, 0, 0b01000100, 4095, 4095, 8, 0, 12, 8, 0, 12}));
+  EXPECT_EQ(r.read({2, 3, 8, 12, 12, 5, 5, 5, 5, 5, 5}), (Fields{1, 0, 0b01000100, 4095, 4095, 8, 0, 12, 8, 0, 12}));
   // TMODE: ch0 band0 '0', band2 '10' (book 0); ch1 band0 '110', band2 '10' (book 1).
-  EXPECT_EQ(test::read_fields(r, {1, 2, 3, 2}), (std::vector<std::uint32_t>{0, 0b10, 0b110, 0b10}));
+  EXPECT_EQ(r.read({1, 2, 3, 2}), (Fields{0, 0b10, 0b110, 0b10}));
   // SCALE (and SCALE2 after it where TMODE is set), 7 bits each.
-  EXPECT_EQ(test::read_fields(r, {7, 7, 7, 7, 7, 7}), (std::vector<std::uint32_t>{5, 63, 100, 5, 7, 63}));
+  EXPECT_EQ(r.read({7, 7, 7, 7, 7, 7}), (Fields{5, 63, 100, 5, 7, 63}));
   EXPECT_EQ(r.pos, w.bit_count());
-
   // With SSC 1 no TMODE bits appear, and BHUFF/SHUFF 5 narrow the fields.
   BitWriter v;
   write_side_info(v, subframe(1, 1), header(1, 1, 5, 5), 1);
@@ -149,30 +138,19 @@ TEST(Subframe, SideInfoLayout) {
 }
 
 TEST(Subframe, PayloadOrderAndAudio) {
-  FramePayload p;
-  p.header = header(2, 2, 5, 5);
-  p.lff = 2;
-  for (int k = 0; k < 2; ++k) {
-    Subframe s = subframe(2, 1);
-    s.lfe = {-128, -1, 0, 127};
-    s.lfe_scale = 124;
-    p.subframes.push_back(s);
-  }
-  BitWriter w;
+  FramePayload p = payload();
+  p.subframes[0].lfe_scale = 124;
+  BitWriter w, head, side;
   write_payload(w, p);
-  BitWriter head;
   write_primary_header(head, p.header, false);
-  BitWriter side;
   write_side_info(side, p.subframes[0], p.header, 2);
-  const std::uint32_t audio_bits = 2 * (8 * 5 + 8 * 9);
-  const std::uint32_t per_subframe = side.bit_count() + 40 + audio_bits + 16;
+  const std::uint32_t per_subframe = side.bit_count() + 40 + 2 * (8 * 5 + 8 * 9) + 16;
   EXPECT_EQ(w.bit_count(), head.bit_count() + 2 * per_subframe);
   EXPECT_EQ(payload_bit_count(p), w.bit_count());
-
   BitReader r{w.bytes()};
   r.pos = head.bit_count() + side.bit_count();
   // LFE samples as two's complement bytes, then the scale index.
-  EXPECT_EQ(test::read_fields(r, {8, 8, 8, 8, 8}), (std::vector<std::uint32_t>{0x80, 0xFF, 0, 127, 124}));
+  EXPECT_EQ(r.read({8, 8, 8, 8, 8}), (Fields{0x80, 0xFF, 0, 127, 124}));
   for (int c = 0; c < 2; ++c) {
     for (int i = 0; i < 8; ++i) EXPECT_EQ(r.read_signed(5), i - 4);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(r.read_signed(9), 250 - 70 * i);
@@ -182,11 +160,10 @@ TEST(Subframe, PayloadOrderAndAudio) {
 }
 
 TEST(Subframe, PayloadRejections) {
-  struct Case {
+  const struct {
     void (*edit)(FramePayload&);
     std::string message;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {[](FramePayload& p) { p.subframes.pop_back(); }, "subframe count mismatch"},
       {[](FramePayload& p) { p.lff = 3; }, "invalid DTS Core LFF"},
       {[](FramePayload& p) { p.subframes[1].lfe.pop_back(); }, "LFE sample count does not match LFF/SSC"},
@@ -199,26 +176,20 @@ TEST(Subframe, PayloadRejections) {
       {[](FramePayload& p) { p.header.sel[0].pop_back(); }, "SEL vector must contain ABITS 1..10"},
   };
   for (const auto& c : cases) {
-    FramePayload p;
-    p.header = header(2, 2, 5, 5);
-    p.lff = 2;
-    p.subframes = {subframe(2, 1), subframe(2, 1)};
-    for (auto& s : p.subframes) s.lfe = {1, 2, 3, 4};
+    FramePayload p = payload();
     c.edit(p);
     BitWriter w;
     EXPECT_EQ(message_of([&] { write_payload(w, p); }), c.message);
     EXPECT_EQ(message_of([&] { payload_bit_count(p); }), c.message);
   }
   // -16 is the smallest ABITS 8 sample; LFF 0 needs no LFE at all.
-  FramePayload p;
-  p.header = header(2, 1, 5, 5);
-  p.subframes = {subframe(2, 1)};
+  FramePayload p = payload();
+  p.lff = 0;
+  for (auto& s : p.subframes) s.lfe.clear();
   p.subframes[0].audio[0][3] = -16;
-  EXPECT_EQ(payload_bit_count(p), [&] {
-    BitWriter w;
-    write_payload(w, p);
-    return std::uint64_t{w.bit_count()};
-  }());
+  BitWriter w;
+  write_payload(w, p);
+  EXPECT_EQ(payload_bit_count(p), w.bit_count());
 }
 
 TEST(Frame, PadsToTargetAndReportsOverflow) {
@@ -226,53 +197,40 @@ TEST(Frame, PadsToTargetAndReportsOverflow) {
   f.header.frame_bytes = 96;
   f.payload.header = header(1, 1, 5, 5);
   f.payload.subframes = {subframe(1, 1)};
-  const std::uint64_t bits = 104 + payload_bit_count(f.payload);
-  const auto exact = static_cast<std::uint32_t>((bits + 7) / 8);
-  ASSERT_LT(exact, 96u);
-
   write_frame(f, 96, FrameKind::stereo);
-  EXPECT_EQ(f.payload_bits, bits);
-  ASSERT_EQ(f.bytes.size(), 96u);
+  EXPECT_EQ(f.payload_bits, 104 + payload_bit_count(f.payload));
   BitWriter w;
   write_header(w, f.header);
   write_payload(w, f.payload);
-  for (std::size_t i = 0; i < 96; ++i) EXPECT_EQ(f.bytes[i], i < w.bytes().size() ? w.bytes()[i] : 0) << i;
+  ASSERT_LT(w.bytes().size(), 96u);
+  std::vector<std::uint8_t> padded = w.bytes();
+  padded.resize(96, 0);
+  EXPECT_EQ(f.bytes, padded);
 
-  // Each extra active subband adds one PMODE bit: grow SUBS until the
-  // payload ends on a byte boundary, then test the exact fit and one bit too
-  // many, for both frame kinds.
-  auto& s = f.payload.subframes[0];
-  for (std::uint8_t subs = 4; subs < 32 && (104 + payload_bit_count(f.payload)) % 8 != 0; ++subs) {
-    f.payload.header.subs[0] = static_cast<std::uint8_t>(subs + 1);
-    s.pmode[0].push_back(0);
-    s.pvq[0].push_back(0);
-  }
+  // Each extra active subband adds one PMODE bit: grow SUBS until the frame
+  // ends on a byte boundary, then try the exact fit and one bit more.
+  const auto add_band = [](CoreFrame& g) {
+    ++g.payload.header.subs[0];
+    g.payload.subframes[0].pmode[0].push_back(0);
+    g.payload.subframes[0].pvq[0].push_back(0);
+  };
+  while ((104 + payload_bit_count(f.payload)) % 8 != 0) add_band(f);
   const std::uint64_t even = 104 + payload_bit_count(f.payload);
-  ASSERT_EQ(even % 8, 0u);
-  f.header.frame_bytes = 96;
   write_frame(f, static_cast<std::uint32_t>(even / 8), FrameKind::multichannel);
   EXPECT_EQ(f.bytes.size(), even / 8);
   EXPECT_EQ(f.payload_bits, even);
-
-  const struct {
-    FrameKind kind;
-    const char* message;
-  } kinds[] = {{FrameKind::stereo, "DTS payload exceeds target frame size"},
-               {FrameKind::multichannel, "5.1 DTS Core payload exceeds target frame"}};
-  for (const auto& k : kinds) {
+  const std::pair<FrameKind, const char*> kinds[] = {{FrameKind::stereo, "DTS payload exceeds target frame size"},
+                                                     {FrameKind::multichannel, "5.1 DTS Core payload exceeds target frame"}};
+  for (const auto& [kind, message] : kinds) {
     CoreFrame g = f;
-    g.payload.header.subs[0] = static_cast<std::uint8_t>(g.payload.header.subs[0] + 1);  // one more bit
-    g.payload.subframes[0].pmode[0].push_back(0);
-    g.payload.subframes[0].pvq[0].push_back(0);
-    const std::vector<std::uint8_t> before = g.bytes;
-    EXPECT_EQ(message_of<std::runtime_error>([&] { write_frame(g, static_cast<std::uint32_t>(even / 8), k.kind); }),
-              k.message);
-    EXPECT_EQ(g.bytes, before);
+    add_band(g);
+    EXPECT_EQ(message_of<std::runtime_error>([&] { write_frame(g, static_cast<std::uint32_t>(even / 8), kind); }),
+              message);
+    EXPECT_EQ(g.bytes, f.bytes);  // untouched on failure
   }
   // The header's own checks surface through write_frame.
-  CoreFrame bad = f;
-  bad.header.frame_bytes = 95;
-  EXPECT_EQ(message_of([&] { write_frame(bad, 200, FrameKind::stereo); }), "frame size 96..16384");
+  f.header.frame_bytes = 95;
+  EXPECT_EQ(message_of([&] { write_frame(f, 200, FrameKind::stereo); }), "frame size 96..16384");
 }
 
 }  // namespace

@@ -1,10 +1,13 @@
 #pragma once
-// Reading back what the writers produced, and catching their messages.
+// Reading back what the writers produced, catching their messages, and a
+// primary header to build on.
 #include <cstdint>
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "bitstream/primary_header.h"
 
 namespace tavrin::test {
 
@@ -21,19 +24,16 @@ struct BitReader {
     }
     return v;
   }
+  std::vector<std::uint32_t> read(const std::vector<unsigned>& widths) {
+    std::vector<std::uint32_t> out;
+    for (unsigned w : widths) out.push_back(read(w));
+    return out;
+  }
   std::int32_t read_signed(unsigned width) {
-    const std::uint32_t v = read(width);
-    const std::int64_t half = std::int64_t{1} << (width - 1);
-    return static_cast<std::int32_t>(v >= half ? static_cast<std::int64_t>(v) - 2 * half : v);
+    const std::int64_t v = read(width), half = std::int64_t{1} << (width - 1);
+    return static_cast<std::int32_t>(v >= half ? v - 2 * half : v);
   }
 };
-
-// Reads fields of the given widths in order.
-inline std::vector<std::uint32_t> read_fields(BitReader& r, const std::vector<unsigned>& widths) {
-  std::vector<std::uint32_t> out;
-  for (unsigned w : widths) out.push_back(r.read(w));
-  return out;
-}
 
 // Message of the exception of type E that f throws, or a marker if none.
 template <typename E = std::invalid_argument>
@@ -46,6 +46,23 @@ std::string message_of(const std::function<void()>& f) {
     return std::string("<other exception> ") + e.what();
   }
   return "<no exception>";
+}
+
+// Linear codes, no joint intensity, the encoder's selectors, THUFF = channel.
+inline PrimaryHeader primary_header(unsigned channels, std::uint8_t subs, std::uint8_t vqsub, std::uint8_t bhuff,
+                                    std::uint8_t shuff, std::uint8_t subfs = 1) {
+  PrimaryHeader h;
+  h.subfs = subfs;
+  for (unsigned c = 0; c < channels; ++c) {
+    h.subs.push_back(subs);
+    h.vqsub.push_back(vqsub);
+    h.joinx.push_back(0);
+    h.thuff.push_back(static_cast<std::uint8_t>(c % 4));
+    h.shuff.push_back(shuff);
+    h.bhuff.push_back(bhuff);
+    h.sel.push_back({1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
+  }
+  return h;
 }
 
 }  // namespace tavrin::test
