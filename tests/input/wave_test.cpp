@@ -56,14 +56,18 @@ constexpr std::uint32_t kInDs64 = 0xFFFFFFFF;
 
 // ---------------------------------------------------------------------------
 
-std::string message_of(const std::string& bytes) {
-  std::istringstream stream(bytes);
+std::string message_of(std::istream& stream) {
   try {
     open_wave(stream);
   } catch (const std::runtime_error& e) {
     return e.what();
   }
   return "accepted";
+}
+
+std::string message_of(const std::string& bytes) {
+  std::istringstream stream(bytes);
+  return message_of(stream);
 }
 
 TEST(Wave, Failures) {
@@ -74,7 +78,6 @@ TEST(Wave, Failures) {
   } cases[] = {
       // Container and chunk walk.
       {"empty", "", "unexpected end of PCM/WAVE file"},
-      {"short RIFF header", "RIFF\x04\0\0\0WAV", "unexpected end of PCM/WAVE file"},
       {"RIFX", "RIFX" + le(4, 4) + "WAVE", "input is not RIFF/RF64 WAVE"},
       {"AVI", "RIFF" + le(4, 4) + "AVI " + kStereo16 + kData, "input is not RIFF/RF64 WAVE"},
       {"header only", wave(""), "WAVE missing fmt/data"},
@@ -84,7 +87,6 @@ TEST(Wave, Failures) {
       {"odd chunk missing its pad at the end", wave(kStereo16 + raw_chunk("LIST", 3, "abc")),
        "WAVE missing fmt/data"},
       {"unknown chunk past end", wave(raw_chunk("LIST", 100, "abc") + kStereo16 + kData), "invalid WAVE chunk"},
-      {"unknown chunk of 4 GiB", wave(raw_chunk("JUNK", 0xFFFFFFFF, "") + kStereo16 + kData), "invalid WAVE chunk"},
       {"ds64 in RIFF is an unknown chunk", wave(raw_chunk("ds64", 0xFFFFFFF0, ds64_body(8))),
        "invalid WAVE chunk"},
       // ds64.
@@ -108,12 +110,9 @@ TEST(Wave, Failures) {
       {"extensible ADPCM subformat", wave(chunk("fmt ", ext_body(2, 48000, 4, 16, 16, 0x3, 2)) + kData),
        "unsupported WAVEFORMATEXTENSIBLE subformat"},
       // Contents, checked in this order.
-      {"96 kHz", wave(chunk("fmt ", fmt_body(1, 2, 96000, 4, 16)) + kData), "supported sample rates are 44.1/48 kHz"},
       {"96 kHz 8-bit mono", wave(chunk("fmt ", fmt_body(1, 1, 96000, 1, 8)) + kData),
        "supported sample rates are 44.1/48 kHz"},
       {"8-bit", wave(chunk("fmt ", fmt_body(1, 2, 48000, 2, 8)) + kData), "unsupported WAVE PCM format"},
-      {"20-bit container", wave(chunk("fmt ", fmt_body(1, 2, 48000, 6, 20)) + kData), "unsupported WAVE PCM format"},
-      {"64-bit float", wave(chunk("fmt ", fmt_body(3, 2, 48000, 16, 64)) + kData), "unsupported WAVE PCM format"},
       {"16-bit float", wave(chunk("fmt ", fmt_body(3, 2, 48000, 4, 16)) + kData), "unsupported WAVE PCM format"},
       {"mu-law", wave(chunk("fmt ", fmt_body(7, 2, 48000, 2, 16)) + kData), "unsupported WAVE PCM format"},
       {"24 in 24 with 20 valid", wave(chunk("fmt ", ext_body(2, 48000, 6, 24, 20, 0x3)) + kData),
@@ -126,34 +125,12 @@ TEST(Wave, Failures) {
        "multichannel WAVE requires WAVEFORMATEXTENSIBLE speaker mask"},
       {"plain mono", wave(chunk("fmt ", fmt_body(1, 1, 48000, 2, 16)) + kData),
        "multichannel WAVE requires WAVEFORMATEXTENSIBLE speaker mask"},
-      {"plain, no channels", wave(chunk("fmt ", fmt_body(1, 0, 48000, 0, 16)) + kData),
-       "multichannel WAVE requires WAVEFORMATEXTENSIBLE speaker mask"},
-      {"plain 65535 channels", wave(chunk("fmt ", fmt_body(1, 65535, 48000, 65534, 16)) + kData),
-       "multichannel WAVE requires WAVEFORMATEXTENSIBLE speaker mask"},
       {"stereo 16-bit, alignment 6", wave(chunk("fmt ", fmt_body(1, 2, 48000, 6, 16)) + kData),
        "unsupported WAVE block alignment"},
       {"5.1 24-bit, alignment 12", wave(chunk("fmt ", ext_body(6, 44100, 12, 24, 24, 0x3F)) + kData),
        "unsupported WAVE block alignment"},
   };
   for (const auto& c : cases) EXPECT_EQ(message_of(c.bytes), c.message) << c.what;
-}
-
-TEST(Wave, PlainStereoLeavesStreamAtData) {
-  const std::string bytes = wave(chunk("LIST", "odd") + kStereo16 + chunk("data", "\x01\x02\x03\x04") + "trailer");
-  std::istringstream stream(bytes);
-  const PcmSourceInfo info = open_wave(stream);
-  EXPECT_EQ(input_label(info), "WAVE");
-  EXPECT_FALSE(info.rf64);
-  EXPECT_EQ(info.format, SampleFormat::s16le);
-  EXPECT_EQ(info.channels, 2);
-  EXPECT_EQ(info.sample_rate, 48000u);
-  EXPECT_EQ(info.layout.name, "2.0");
-  EXPECT_EQ(info.source_order, (std::vector<SpeakerId>{S::L, S::R}));
-  EXPECT_EQ(info.data_offset, 12u + 12u + 24u + 8u);  // LIST with pad, fmt, data header
-  EXPECT_EQ(info.data_bytes, 4u);
-  EXPECT_EQ(frame_count(info), 1u);
-  EXPECT_EQ(static_cast<std::uint64_t>(stream.tellg()), info.data_offset);
-  EXPECT_EQ(stream.get(), 0x01);
 }
 
 TEST(Wave, ChunkVariantsThatOpen) {
@@ -167,10 +144,10 @@ TEST(Wave, ChunkVariantsThatOpen) {
     std::uint64_t data_bytes;
     bool extensible, rf64;
   } cases[] = {
+      {"odd LIST first", wave(chunk("LIST", "odd") + kStereo16 + kData + "trailer"), SampleFormat::s16le, "2.0",
+       {S::L, S::R}, 8, false, false},
       {"5.1 back surrounds", wave(ext51 + kData), SampleFormat::s24le, "5.1",
        {S::L, S::R, S::C, S::LFE, S::SL, S::SR}, 8, true, false},
-      {"4.0 back pair", wave(chunk("fmt ", ext_body(4, 48000, 16, 32, 32, 0x33)) + kData), SampleFormat::s32le, "4.0",
-       {S::L, S::R, S::SL, S::SR}, 8, true, false},
       {"4.0 side pair, float", wave(chunk("fmt ", ext_body(4, 48000, 16, 32, 32, 0x603, 3)) + kData),
        SampleFormat::f32le, "4.0", {S::L, S::R, S::SL, S::SR}, 8, true, false},
       {"plain float", wave(chunk("fmt ", fmt_body(3, 2, 44100, 8, 32) + le(0, 2)) + kData), SampleFormat::f32le,
@@ -180,17 +157,13 @@ TEST(Wave, ChunkVariantsThatOpen) {
       {"later fmt wins", wave(ext51 + kStereo16 + kData), SampleFormat::s16le, "2.0", {S::L, S::R}, 8, false, false},
       {"small ds64 in RIFF skipped", wave(chunk("ds64", ds64_body(99)) + kStereo16 + kData), SampleFormat::s16le,
        "2.0", {S::L, S::R}, 8, false, false},
-      {"RF64 with 32-bit data size", wave(chunk("ds64", ds64_body(99)) + kStereo16 + kData, "RF64"),
-       SampleFormat::s16le, "2.0", {S::L, S::R}, 8, false, true},
       {"RF64, 6 GiB in ds64",
-       wave(chunk("ds64", ds64_body(std::uint64_t{6} << 30)) + kStereo16 + raw_chunk("data", kInDs64, "\0\0\0\0"),
-            "RF64"),
+       wave(chunk("ds64", ds64_body(std::uint64_t{6} << 30)) + kStereo16 + raw_chunk("data", kInDs64, "\x11"), "RF64"),
        SampleFormat::s16le, "2.0", {S::L, S::R}, std::uint64_t{6} << 30, false, true},
       {"RF64, longer ds64 body",
-       wave(chunk("ds64", ds64_body(std::uint64_t{5} << 32) + le(1, 12)) + kStereo16 + raw_chunk("data", kInDs64, ""),
-            "RF64"),
+       wave(chunk("ds64", ds64_body(std::uint64_t{5} << 32) + le(1, 12)) + kStereo16 + raw_chunk("data", kInDs64, "\x11"), "RF64"),
        SampleFormat::s16le, "2.0", {S::L, S::R}, std::uint64_t{5} << 32, false, true},
-      {"data size past end of file is reported, not checked", wave(kStereo16 + raw_chunk("data", 4000, "\0\0")),
+      {"data size past end of file is reported, not checked", wave(kStereo16 + raw_chunk("data", 4000, "\x11")),
        SampleFormat::s16le, "2.0", {S::L, S::R}, 4000, false, false},
   };
   for (const auto& c : cases) {
@@ -205,6 +178,7 @@ TEST(Wave, ChunkVariantsThatOpen) {
     EXPECT_EQ(info.rf64, c.rf64);
     EXPECT_FALSE(info.raw);
     EXPECT_EQ(static_cast<std::uint64_t>(stream.tellg()), info.data_offset);
+    EXPECT_EQ(stream.get(), 0x11);  // left at the first sample
   }
 }
 
@@ -218,6 +192,8 @@ TEST(Wave, RoundTripsTheTestWriter) {
       std::istringstream stream(std::string(file.begin(), file.end()));
       const PcmSourceInfo info = open_wave(stream);
       ASSERT_EQ(info.layout.name, "5.1");
+      EXPECT_EQ(info.sample_rate, 44100u);
+      EXPECT_EQ(input_label(info), "WAVEFORMATEXTENSIBLE");
       ASSERT_EQ(frame_count(info), 3u);
       std::vector<std::uint8_t> pcm(info.data_bytes);
       stream.read(reinterpret_cast<char*>(pcm.data()), static_cast<std::streamsize>(pcm.size()));
@@ -248,16 +224,7 @@ TEST(Wave, OversizedChunksOnFilesAndForwardOnlyStreams) {
   const std::filesystem::path path = dir / "input_oversized_chunk.wav";
   std::ofstream(path, std::ios::binary) << bytes;
   std::ifstream file(path, std::ios::binary);
-  EXPECT_THROW(
-      {
-        try {
-          open_wave(file);
-        } catch (const std::runtime_error& e) {
-          EXPECT_STREQ(e.what(), "invalid WAVE chunk");
-          throw;
-        }
-      },
-      std::runtime_error);
+  EXPECT_EQ(message_of(file), "invalid WAVE chunk");
   file.close();
   std::filesystem::remove(path);
 
@@ -277,15 +244,10 @@ TEST(Wave, OversizedChunksOnFilesAndForwardOnlyStreams) {
   for (const auto& c : forward_cases) {
     ForwardOnly buffer(c.bytes);
     std::istream stream(&buffer);
-    std::string message = "accepted";
-    try {
-      const PcmSourceInfo info = open_wave(stream);
-      EXPECT_EQ(info.data_offset, 12u + 12u + 24u + 8u);
-      EXPECT_EQ(stream.get(), 0x11);
-    } catch (const std::runtime_error& e) {
-      message = e.what();
+    EXPECT_EQ(message_of(stream), c.message);
+    if (std::string(c.message) == "accepted") {
+      EXPECT_EQ(stream.get(), 0x11);  // left at the data
     }
-    EXPECT_EQ(message, c.message);
   }
 }
 
