@@ -23,15 +23,106 @@ unsigned abits_width(std::uint8_t bhuff) { return bhuff == 5 ? 4u : 5u; }
 unsigned scale_limit(std::uint8_t shuff) { return shuff == 5 ? 63u : 127u; }
 unsigned scale_width(std::uint8_t shuff) { return shuff == 5 ? 6u : 7u; }
 
-}  // namespace
+// Stands in for the BitWriter when only the length of a payload is wanted:
+// the same fields go through the same checks, in the same order, so it
+// throws exactly where writing would, but nothing is stored.
+struct BitCounter {
+  std::uint64_t bits = 0;
+  void write(std::uint32_t value, unsigned width) {
+    if (width > 32) fail("bit width > 32");
+    if (width < 32 && (value >> width) != 0) fail("value does not fit bit width");
+    bits += width;
+  }
+};
 
-void write_nfe_sample(BitWriter& w, std::int32_t index, unsigned abits) {
-  if (abits < 8 || abits > 26) fail("NFE direct coding requires ABITS 8..26");
-  const std::int64_t half = std::int64_t{1} << (abits - 4);
+// The fields of one NFE sample (abits already checked to be 8..26).
+template <class Sink>
+void emit_nfe(Sink& w, std::int32_t index, unsigned abits) {
+  const std::int32_t half = std::int32_t{1} << (abits - 4);
   if (index < -half || index >= half) fail("NFE quantization index out of signed range");
   const unsigned width = abits - 3;
   // Two's complement truncated to the field, computed on unsigned values.
   w.write(static_cast<std::uint32_t>(index) & ((std::uint32_t{1} << width) - 1u), width);
+}
+
+template <class Sink>
+void emit_side_info(Sink& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
+  validate_subframe(s, h, channels);
+  w.write(s.ssc - 1u, 2);
+  w.write(s.psc, 3);
+  for (unsigned c = 0; c < channels; ++c)
+    for (std::size_t b = 0; b < h.subs[c]; ++b) w.write(s.pmode[c][b], 1);
+  for (unsigned c = 0; c < channels; ++c)
+    for (std::size_t b = 0; b < h.subs[c]; ++b)
+      if (s.pmode[c][b] != 0) w.write(s.pvq[c][b], 12);
+  for (unsigned c = 0; c < channels; ++c) {
+    const unsigned width = abits_width(h.bhuff[c]);
+    for (std::size_t b = 0; b < h.vqsub[c]; ++b) w.write(s.abits[c][b], width);
+  }
+  if (s.ssc > 1) {
+    for (unsigned c = 0; c < channels; ++c)
+      for (std::size_t b = 0; b < h.vqsub[c]; ++b)
+        if (s.abits[c][b] != 0) {
+          const TmodeCode code = tmode_code(h.thuff[c], s.tmode[c][b]);
+          w.write(code.code, code.length);
+        }
+  }
+  for (unsigned c = 0; c < channels; ++c) {
+    const unsigned width = scale_width(h.shuff[c]);
+    for (std::size_t b = 0; b < h.vqsub[c]; ++b) {
+      if (s.abits[c][b] == 0) continue;
+      w.write(s.scale[c][b], width);
+      if (s.tmode[c][b] != 0) w.write(s.scale2[c][b], width);
+    }
+  }
+}
+
+template <class Sink>
+void emit_lfe(Sink& w, const Subframe& s, unsigned lff) {
+  if (lff > 2) fail("invalid DTS Core LFF");
+  if (lff == 0) {
+    if (!s.lfe.empty()) fail("LFE samples present while LFF is zero");
+    return;
+  }
+  if (s.lfe.size() != std::size_t{s.ssc} * lff * 2u) fail("LFE sample count does not match LFF/SSC");
+  for (std::int8_t v : s.lfe) w.write(static_cast<std::uint8_t>(v), 8);
+  w.write(s.lfe_scale, 8);
+}
+
+template <class Sink>
+void emit_audio(Sink& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
+  for (unsigned c = 0; c < channels; ++c) {
+    const std::size_t vqsub = h.vqsub[c];
+    if (c >= s.audio.size() || s.audio[c].size() != vqsub * 8u || s.abits[c].size() < vqsub)
+      fail("AUDIO band count mismatch");
+    const std::uint8_t* abits = s.abits[c].data();
+    const std::int32_t* audio = s.audio[c].data();
+    for (std::size_t b = 0; b < vqsub; ++b) {
+      const unsigned a = abits[b];
+      if (a == 0) continue;
+      if (a < 8) fail("baseline payload supports direct NFE ABITS >= 8 only");
+      if (a > 26) fail("NFE direct coding requires ABITS 8..26");
+      for (std::size_t i = 0; i < 8; ++i) emit_nfe(w, audio[b * 8 + i], a);
+    }
+  }
+}
+
+template <class Sink>
+void emit_subframes(Sink& w, const FramePayload& p) {
+  const auto channels = static_cast<unsigned>(p.header.subs.size());
+  for (const Subframe& s : p.subframes) {
+    emit_side_info(w, s, p.header, channels);
+    emit_lfe(w, s, p.lff);
+    emit_audio(w, s, p.header, channels);
+    w.write(0xFFFFu, 16);  // DSYNC
+  }
+}
+
+}  // namespace
+
+void write_nfe_sample(BitWriter& w, std::int32_t index, unsigned abits) {
+  if (abits < 8 || abits > 26) fail("NFE direct coding requires ABITS 8..26");
+  emit_nfe(w, index, abits);
 }
 
 void write_subframe_sync(BitWriter& w) { w.write(0xFFFFu, 16); }
@@ -86,77 +177,29 @@ void validate_subframe(const Subframe& s, const PrimaryHeader& h, unsigned chann
 }
 
 void write_side_info(BitWriter& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
-  validate_subframe(s, h, channels);
-  w.write(s.ssc - 1u, 2);
-  w.write(s.psc, 3);
-  for (unsigned c = 0; c < channels; ++c)
-    for (std::size_t b = 0; b < h.subs[c]; ++b) w.write(s.pmode[c][b], 1);
-  for (unsigned c = 0; c < channels; ++c)
-    for (std::size_t b = 0; b < h.subs[c]; ++b)
-      if (s.pmode[c][b] != 0) w.write(s.pvq[c][b], 12);
-  for (unsigned c = 0; c < channels; ++c) {
-    const unsigned width = abits_width(h.bhuff[c]);
-    for (std::size_t b = 0; b < h.vqsub[c]; ++b) w.write(s.abits[c][b], width);
-  }
-  if (s.ssc > 1) {
-    for (unsigned c = 0; c < channels; ++c)
-      for (std::size_t b = 0; b < h.vqsub[c]; ++b)
-        if (s.abits[c][b] != 0) {
-          const TmodeCode code = tmode_code(h.thuff[c], s.tmode[c][b]);
-          w.write(code.code, code.length);
-        }
-  }
-  for (unsigned c = 0; c < channels; ++c) {
-    const unsigned width = scale_width(h.shuff[c]);
-    for (std::size_t b = 0; b < h.vqsub[c]; ++b) {
-      if (s.abits[c][b] == 0) continue;
-      w.write(s.scale[c][b], width);
-      if (s.tmode[c][b] != 0) w.write(s.scale2[c][b], width);
-    }
-  }
+  emit_side_info(w, s, h, channels);
 }
 
-void write_lfe(BitWriter& w, const Subframe& s, unsigned lff) {
-  if (lff > 2) fail("invalid DTS Core LFF");
-  if (lff == 0) {
-    if (!s.lfe.empty()) fail("LFE samples present while LFF is zero");
-    return;
-  }
-  if (s.lfe.size() != std::size_t{s.ssc} * lff * 2u) fail("LFE sample count does not match LFF/SSC");
-  for (std::int8_t v : s.lfe) w.write(static_cast<std::uint8_t>(v), 8);
-  w.write(s.lfe_scale, 8);
-}
+void write_lfe(BitWriter& w, const Subframe& s, unsigned lff) { emit_lfe(w, s, lff); }
 
 void write_audio(BitWriter& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
-  for (unsigned c = 0; c < channels; ++c) {
-    const std::size_t vqsub = h.vqsub[c];
-    if (c >= s.audio.size() || s.audio[c].size() != vqsub * 8u || s.abits[c].size() < vqsub)
-      fail("AUDIO band count mismatch");
-    for (std::size_t b = 0; b < vqsub; ++b) {
-      const unsigned a = s.abits[c][b];
-      if (a == 0) continue;
-      if (a < 8) fail("baseline payload supports direct NFE ABITS >= 8 only");
-      for (std::size_t i = 0; i < 8; ++i) write_nfe_sample(w, s.audio[c][b * 8 + i], a);
-    }
-  }
+  emit_audio(w, s, h, channels);
 }
 
 void write_payload(BitWriter& w, const FramePayload& p) {
   if (p.subframes.size() != p.header.subfs) fail("subframe count mismatch");
   write_primary_header(w, p.header, false);
-  const auto channels = static_cast<unsigned>(p.header.subs.size());
-  for (const Subframe& s : p.subframes) {
-    write_side_info(w, s, p.header, channels);
-    write_lfe(w, s, p.lff);
-    write_audio(w, s, p.header, channels);
-    write_subframe_sync(w);
-  }
+  emit_subframes(w, p);
 }
 
 std::uint64_t payload_bit_count(const FramePayload& payload) {
-  BitWriter scratch;
-  write_payload(scratch, payload);
-  return scratch.bit_count();
+  if (payload.subframes.size() != payload.header.subfs) fail("subframe count mismatch");
+  // The primary header is short; its own writer keeps its checks in one place.
+  BitWriter header(64);
+  write_primary_header(header, payload.header, false);
+  BitCounter counter{header.bit_count()};
+  emit_subframes(counter, payload);
+  return counter.bits;
 }
 
 }  // namespace tavrin
