@@ -126,10 +126,12 @@ PsychoAnalysis analyse_psycho(const std::vector<const double*>& channels, Psycho
   // Step 3: absolute threshold, and the spreading attenuation per distance,
   // computed once here rather than per band pair.
   const BandArray ath = absolute_threshold();
-  BandArray spread_lower{}, spread_upper{};
+  // spread_upper_reversed[31 - d] is the attenuation at distance d above.
+  BandArray spread_lower{}, spread_upper_reversed{};
   for (std::size_t d = 1; d < kPsychoBands; ++d) {
     spread_lower[d] = std::pow(10.0, -(config.lower_spreading_slope * static_cast<double>(d)) / 10.0);
-    spread_upper[d] = std::pow(10.0, -(config.upper_spreading_slope * static_cast<double>(d)) / 10.0);
+    spread_upper_reversed[kPsychoBands - 1 - d] =
+        std::pow(10.0, -(config.upper_spreading_slope * static_cast<double>(d)) / 10.0);
   }
 
   bool history = false;
@@ -145,18 +147,36 @@ PsychoAnalysis analyse_psycho(const std::vector<const double*>& channels, Psycho
 
   // Step 4: thresholds and weights.
   for (std::size_t s = 0; s < kPsychoSubframes; ++s) {
+    // The correlation of a pair of channels is the same seen from either
+    // side, so each pair is measured once: correlation[(c * 5 + o) * 32 + b].
+    std::array<double, 5 * 5 * kPsychoBands> correlation{};
+    for (std::size_t c = 0; c < nch; ++c) {
+      for (std::size_t o = c + 1; o < nch; ++o) {
+        for (std::size_t b = 0; b < kPsychoBands; ++b) {
+          const double v = band_correlation(channels[c], channels[o], s, b);
+          correlation[(c * 5 + o) * kPsychoBands + b] = v;
+          correlation[(o * 5 + c) * kPsychoBands + b] = v;
+        }
+      }
+    }
     for (std::size_t c = 0; c < nch; ++c) {
       PsychoBandRecord* rec = &out.subframes[s][c * kPsychoBands];
       BandArray masker{};
       for (std::size_t j = 0; j < kPsychoBands; ++j) masker[j] = rec[j].energy * (1.0 - 0.35 * rec[j].tonality);
 
+      // Every band's spreading sum at once, masker by masker: each band
+      // still adds its terms in masker order (those below it, then those
+      // above), and the inner loops run over contiguous bands.
+      BandArray spread{};
+      for (std::size_t j = 0; j < kPsychoBands; ++j) {
+        const double m = masker[j];
+        for (std::size_t b = 0; b < j; ++b) spread[b] += m * spread_upper_reversed[kPsychoBands - 1 - j + b];
+        for (std::size_t b = j + 1; b < kPsychoBands; ++b) spread[b] += m * spread_lower[b - j];
+      }
+
       for (std::size_t b = 0; b < kPsychoBands; ++b) {
         PsychoBandRecord& r = rec[b];
         const double e = r.energy;
-
-        double spread = 0.0;
-        for (std::size_t j = 0; j < b; ++j) spread += masker[j] * spread_lower[b - j];
-        for (std::size_t j = b + 1; j < kPsychoBands; ++j) spread += masker[j] * spread_upper[j - b];
 
         bool has_prev = false;
         double ep = 0.0;
@@ -185,12 +205,12 @@ PsychoAnalysis analyse_psycho(const std::vector<const double*>& channels, Psycho
           double x = 0.0;
           for (std::size_t o = 0; o < nch; ++o) {
             if (o == c) continue;
-            x += band_correlation(channels[c], channels[o], s, b) * out.subframes[s][o * kPsychoBands + b].energy;
+            x += correlation[(c * 5 + o) * kPsychoBands + b] * out.subframes[s][o * kPsychoBands + b].energy;
           }
           r.cross_channel_term = x * cross_scale;
         }
 
-        r.mask = ath_scale * ath[b] + spread * config.masking_strength + r.temporal_term + r.cross_channel_term;
+        r.mask = ath_scale * ath[b] + spread[b] * config.masking_strength + r.temporal_term + r.cross_channel_term;
         const double ratio = std::max(e / (r.mask + eps), 1e-6);
 
         const double tonal = 1.0 + r.tonality * config.tonality_weight;
