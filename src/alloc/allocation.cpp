@@ -71,7 +71,8 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
 
   const double* x = &frame.samples[static_cast<std::size_t>(index) * kSamplesPerBand];
   // band.peak is the largest magnitude of x, so the samples need no rescan.
-  const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next);
+  const unsigned hint = band.abits == 0 ? kNoScaleHint : band.quantizer.scale_index;
+  const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next, hint);
   // index * quantum is the decoder's value.
   const double dn = quantization_error<kSamplesPerBand>(x, q) / static_cast<double>(kSamplesPerBand);
   const std::uint64_t delta = band_bit_cost(next) - band_bit_cost(band.abits);

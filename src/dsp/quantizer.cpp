@@ -30,7 +30,7 @@ double scale_value(unsigned scale_index) {
   return kScaleFactor6[scale_index];
 }
 
-QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high) {
+QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high, unsigned scale_hint) {
   if (low < kMinDirectAbits || high > kMaxDirectAbits || low > high)
     throw std::invalid_argument("baseline ABITS range must be within 8..26");
   if (!(peak > 1e-18)) return {};
@@ -42,8 +42,18 @@ QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned 
     // Also false for NaN, which no scale fits.
     if (!(needed <= last[-1])) continue;
     // The table ascends, so the first entry not below `needed` is the
-    // smallest scale that fits.
-    const double* const found = std::lower_bound(first, last, needed);
+    // smallest scale that fits; the walks stop at it from either side.
+    const double* found = nullptr;
+    if (scale_hint < kScaleFactor6Count) {
+      found = first + scale_hint;
+      if (*found >= needed) {
+        while (found != first && found[-1] >= needed) --found;
+      } else {
+        while (*found < needed) ++found;
+      }
+    } else {
+      found = std::lower_bound(first, last, needed);
+    }
     QuantizerChoice c;
     c.abits = static_cast<std::uint8_t>(a);
     c.scale_index = static_cast<std::uint8_t>(found - first);

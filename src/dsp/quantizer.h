@@ -26,8 +26,13 @@ inline double step_size(unsigned abits);   // "invalid DTS lossy ABITS"
 double scale_value(unsigned scale_index);  // "invalid DTS 6-bit scale-factor index"
 QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t count, unsigned low, unsigned high);
 // choose_baseline_quantizer for samples whose largest magnitude is `peak`
-// (NaN samples count as 0), for callers that already know it.
-QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high);
+// (NaN samples count as 0), for callers that already know it. A scale
+// index near the answer (0..62; the band's scale at the previous ABITS is
+// usually within one entry) turns the table search into a short walk; any
+// hint gives the same result.
+inline constexpr unsigned kNoScaleHint = 63;
+QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high,
+                                            unsigned scale_hint = kNoScaleHint);
 inline std::int32_t quantize(double x, const QuantizerChoice& choice);
 double dequantize(std::int32_t index, const QuantizerChoice& choice);
 unsigned nfe_width(unsigned abits);

@@ -86,8 +86,12 @@ TEST(Quantizer, ChoiceMatchesLinearScanOnEveryBoundary) {
           }
           // The sign of a sample must not matter, nor a NaN among them.
           const double samples[] = {peak * 0.25, -peak, NAN};
+          // Nor where the table search starts.
           for (const QuantizerChoice& q :
-               {baseline_quantizer_for_peak(peak, a, high), choose_baseline_quantizer(samples, 3, a, high)}) {
+               {baseline_quantizer_for_peak(peak, a, high), choose_baseline_quantizer(samples, 3, a, high),
+                baseline_quantizer_for_peak(peak, a, high, 0), baseline_quantizer_for_peak(peak, a, high, s),
+                baseline_quantizer_for_peak(peak, a, high, s > 0 ? s - 1 : 1),
+                baseline_quantizer_for_peak(peak, a, high, 62)}) {
             ASSERT_EQ(q.abits, want_a) << peak;
             ASSERT_EQ(q.scale_index, want_s) << peak << " abits " << a;
             EXPECT_EQ(q.scale, kScaleFactor6[want_s]);
