@@ -101,7 +101,7 @@ void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
 // inner node holds the better of its two children, so the root is the best
 // pending step. Taking a step changes only that band's key, and one pass up
 // its path (one comparison per level, no data-dependent descent as in a
-// binary heap) restores the tree. The order is the heap's: larger gain
+// binary heap) restores the tree. The order is a max-heap's: larger gain
 // first, then the lower (subframe, channel, band), which as the left child
 // wins ties.
 struct Tournament {
@@ -118,7 +118,7 @@ struct Tournament {
   }
 };
 
-void heap_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
+void tournament_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
                  std::uint64_t& total) {
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
   std::vector<Step> pending(count);
@@ -325,7 +325,7 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
   if (cfg.channel_fairness > 0.0 || scan_switch)
     scan_search(frame, budget_bits, cfg, threshold, plan.total_bits);
   else
-    heap_search(frame, budget_bits, cfg, threshold, plan.total_bits);
+    tournament_search(frame, budget_bits, cfg, threshold, plan.total_bits);
 
   plan.perceptual_error = perceptual_error(analysis, plan);
   if (count_allocation_bits(plan, nch) != plan.total_bits) throw std::runtime_error("adaptive bit accounting mismatch");

@@ -66,7 +66,8 @@ double perceptual_error(const PsychoAnalysis& analysis, const AllocationPlan& pl
 // channels: one block of 1024 subband samples each (subframe s, sample k,
 // band b at s * 256 + k * 32 + b). psycho_override may be null.
 // The full scan is used when config.channel_fairness > 0 or the environment
-// variable TAVRIN_DTS_ALLOCATOR_SCAN begins with "1"; otherwise the heap.
+// variable TAVRIN_DTS_ALLOCATOR_SCAN begins with "1"; otherwise the
+// tournament search (the same order as a max-heap of gains).
 AllocationPlan allocate(const std::vector<const double*>& channels, std::uint64_t budget_bits,
                         const AllocationConfig& config, const PsychoAnalysis* psycho_override);
 
