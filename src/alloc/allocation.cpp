@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <stdexcept>
@@ -105,13 +106,20 @@ void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
 // first, then the lower (subframe, channel, band), which as the left child
 // wins ties.
 struct Tournament {
-  std::size_t leaves = 1;            // power of two >= band count
-  std::vector<double> gain;          // per band
-  std::vector<std::uint8_t> alive;   // per band; padding leaves are never alive
+  std::size_t leaves = 1;             // power of two >= band count
+  std::vector<std::uint64_t> key;     // per band: 0 once it has no step left
   std::vector<std::uint32_t> winner;  // [1, leaves): inner nodes; [leaves, 2 * leaves): the bands
 
+  // Orders gains as unsigned integers: sign bit flipped for positives, all
+  // bits for negatives, and -0 first made +0 so that it ties with +0 as in
+  // a floating-point comparison. Every gain maps above 0, the key of a band
+  // that has left the search.
+  static std::uint64_t key_of(double gain) {
+    const auto bits = std::bit_cast<std::uint64_t>(gain + 0.0);
+    return (bits >> 63) != 0 ? ~bits : bits | (std::uint64_t{1} << 63);
+  }
   std::uint32_t better(std::uint32_t left, std::uint32_t right) const {
-    return alive[right] != 0 && (alive[left] == 0 || gain[right] > gain[left]) ? right : left;
+    return key[right] > key[left] ? right : left;
   }
   void update(std::uint32_t band) {
     for (std::size_t k = (leaves + band) / 2; k >= 1; k /= 2) winner[k] = better(winner[2 * k], winner[2 * k + 1]);
@@ -124,30 +132,22 @@ void tournament_search(const Frame& frame, std::uint64_t budget, const Allocatio
   std::vector<Step> pending(count);
   Tournament t;
   while (t.leaves < count) t.leaves *= 2;
-  t.gain.assign(t.leaves, 0.0);
-  t.alive.assign(t.leaves, 0);
+  t.key.assign(t.leaves, 0);
   t.winner.resize(2 * t.leaves);
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (evaluate_step(frame, i, cfg, threshold, pending[i])) {
-      t.gain[i] = pending[i].gain_unit;
-      t.alive[i] = 1;
-    }
-  }
+  for (std::uint32_t i = 0; i < count; ++i)
+    if (evaluate_step(frame, i, cfg, threshold, pending[i])) t.key[i] = Tournament::key_of(pending[i].gain_unit);
   for (std::size_t i = 0; i < t.leaves; ++i) t.winner[t.leaves + i] = static_cast<std::uint32_t>(i);
   for (std::size_t k = t.leaves; k-- > 1;) t.winner[k] = t.better(t.winner[2 * k], t.winner[2 * k + 1]);
   for (;;) {
     const std::uint32_t index = t.winner[1];
-    if (t.alive[index] == 0) break;
+    if (t.key[index] == 0) break;
     Step& step = pending[index];
     bool keep = false;
     if (total + step.delta <= budget) {
       apply_step(frame, step, total);
       keep = evaluate_step(frame, index, cfg, threshold, step);
     }  // else: this band grows no further
-    if (keep)
-      t.gain[index] = step.gain_unit;
-    else
-      t.alive[index] = 0;
+    t.key[index] = keep ? Tournament::key_of(step.gain_unit) : 0;
     t.update(index);
   }
 }
