@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <memory>
 
 #include "alloc/plan_payload.h"
 #include "dsp/quantizer.h"
@@ -18,24 +19,27 @@ constexpr unsigned kMaxAbits = 26;
 // How far past the next step a raise may look: far enough to jump the odd
 // step whose error happens not to fall.
 constexpr unsigned kLookahead = 4;
-constexpr double kUnknown = -1.0;
 // A move must at least halve the cost per bit of what it takes away, so the
 // refinement only pays where the greedy search really went astray and does
 // not churn over near-equal choices.
 constexpr double kExchangeMargin = 0.5;
 constexpr unsigned kMaxRefusals = 4;
 
+// Left uninitialised on purpose: a frame has hundreds of bands and only the
+// entries named in `known` are ever read.
 struct Band {
-  AllocationBand* entry = nullptr;
-  std::array<double, kSamples> x{};
-  std::array<double, kMaxAbits + 1> distortion{};  // kUnknown until measured
-  bool eligible = false;
-  bool blocked = false;
+  AllocationBand* entry;
+  std::array<double, kSamples> x;
+  std::array<double, kMaxAbits + 1> distortion;
+  std::uint32_t known;  // bit a set: distortion[a] is measured
+  bool eligible;
+  bool blocked;
 };
 
 double measure(Band& band, unsigned abits) {
   double& d = band.distortion[abits];
-  if (d != kUnknown) return d;
+  if (band.known & (1u << abits)) return d;
+  band.known |= 1u << abits;
   const QuantizerChoice q = choose_baseline_quantizer(band.x.data(), kSamples, abits, abits);
   double err = 0.0;
   for (double v : band.x) {
@@ -50,8 +54,7 @@ double measure(Band& band, unsigned abits) {
 // quantizer goes with the square of its step. Used only to rank bands; every
 // move is priced with measured errors before it is made.
 double modelled_distortion(const Band& band, unsigned from, unsigned to) {
-  if (to == 0) return band.distortion[0];
-  if (band.distortion[to] != kUnknown) return band.distortion[to];
+  if (band.known & (1u << to)) return band.distortion[to];
   const double ratio = step_size(to) / step_size(from);
   return band.entry->distortion * ratio * ratio;
 }
@@ -112,27 +115,39 @@ void set_abits(Band& band, unsigned abits) {
 std::uint32_t refine_allocation(const std::vector<const double*>& channels, AllocationPlan& plan,
                                 std::uint64_t budget_bits, const AllocationConfig& config) {
   const std::size_t nch = channels.size();
-  std::vector<Band> bands;
-  bands.reserve(plan.subframes.size() * nch * kBands);
+  const std::size_t count = plan.subframes.size() * nch * kBands;
+  const std::unique_ptr<Band[]> bands(new Band[count]);
   double rmax = 0.0;
   for (const auto& sub : plan.subframes)
     for (const auto& ch : sub)
       for (const auto& b : ch) rmax = std::max(rmax, b.rms);
   const double threshold = rmax * config.relative_silence_floor;
+  std::size_t index = 0;
   for (std::size_t s = 0; s < plan.subframes.size(); ++s) {
     for (std::size_t c = 0; c < nch; ++c) {
+      const double* block = channels[c] + s * kBands * kSamples;
       for (std::size_t b = 0; b < kBands; ++b) {
-        Band band;
+        Band& band = bands[index++];
         band.entry = &plan.subframes[s][c][b];
-        for (std::size_t k = 0; k < kSamples; ++k) band.x[k] = channels[c][s * kBands * kSamples + k * kBands + b];
-        band.distortion.fill(kUnknown);
+        for (std::size_t k = 0; k < kSamples; ++k) band.x[k] = block[k * kBands + b];
         band.distortion[0] = band.entry->rms * band.entry->rms;
         band.distortion[band.entry->abits] = band.entry->distortion;
+        band.known = 1u | (1u << band.entry->abits);
         band.eligible = band.entry->rms > threshold && band.entry->peak > 1e-18;
-        bands.push_back(band);
+        band.blocked = false;
       }
     }
   }
+  // Modelled rates are kept per band and refreshed only where a move
+  // changed something, so each round is two plain scans.
+  std::vector<double> raise_rate(count), lower_rate(count);
+  std::vector<char> taken(count, 0);
+  auto refresh = [&](std::size_t i) {
+    raise_rate[i] = modelled_raise_rate(bands[i], config);
+    lower_rate[i] = bands[i].entry->abits == 0 ? std::numeric_limits<double>::infinity()
+                                               : modelled_lower_rate(bands[i], config);
+  };
+  for (std::size_t i = 0; i < count; ++i) refresh(i);
 
   std::uint64_t free_bits = budget_bits - plan.total_bits;
   std::uint32_t moves = 0;
@@ -140,60 +155,57 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
   std::vector<std::size_t> lowered;
   // Every move lowers the weighted error, so the loop cannot cycle; the cap
   // only bounds the work on pathological frames.
-  const std::size_t max_moves = bands.size() * 2;
+  const std::size_t max_moves = count * 2;
   while (moves < max_moves && refusals < kMaxRefusals) {
-    std::size_t top = bands.size();
-    double top_rate = 0.0;
-    for (std::size_t i = 0; i < bands.size(); ++i) {
-      const double rate = modelled_raise_rate(bands[i], config);
-      if (rate > top_rate) {
-        top_rate = rate;
-        top = i;
-      }
-    }
-    if (top == bands.size()) break;
+    const std::size_t top =
+        static_cast<std::size_t>(std::max_element(raise_rate.begin(), raise_rate.end()) - raise_rate.begin());
+    if (top == count || !(raise_rate[top] > 0.0)) break;
     Band& band = bands[top];
     const Raise raise = best_raise(band, config);
     if (raise.to == 0) {
       band.blocked = true;
+      raise_rate[top] = 0.0;
       ++refusals;
       continue;
     }
 
     // Free the missing bits where they cost the least weighted error.
     lowered.clear();
+    taken[top] = 1;
     std::uint64_t freed = 0;
     double loss = 0.0;
     while (free_bits + freed < raise.bits) {
-      std::size_t cheapest = bands.size();
-      double cheapest_rate = 0.0;
-      for (std::size_t i = 0; i < bands.size(); ++i) {
-        const Band& b = bands[i];
-        if (i == top || b.entry->abits == 0 || std::find(lowered.begin(), lowered.end(), i) != lowered.end()) continue;
-        const double rate = modelled_lower_rate(b, config);
-        if (cheapest == bands.size() || rate < cheapest_rate) {
-          cheapest = i;
-          cheapest_rate = rate;
-        }
+      std::size_t cheapest = count;
+      for (std::size_t i = 0; i < count; ++i) {
+        if (taken[i] || lower_rate[i] == std::numeric_limits<double>::infinity()) continue;
+        if (cheapest == count || lower_rate[i] < lower_rate[cheapest]) cheapest = i;
       }
-      if (cheapest == bands.size()) break;
+      if (cheapest == count) break;
       Band& victim = bands[cheapest];
       const unsigned a = victim.entry->abits;
       const unsigned to = lower_abits(a, config);
+      taken[cheapest] = 1;
       lowered.push_back(cheapest);
       freed += band_bit_cost(a) - band_bit_cost(to);
       loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
     }
+    taken[top] = 0;
+    for (std::size_t i : lowered) taken[i] = 0;
     if (free_bits + freed < raise.bits || !(loss < raise.gain * kExchangeMargin)) {
       // The best raises are priced against the cheapest bits there are;
       // after a few refusals the rest will not pay either.
       band.blocked = true;
+      raise_rate[top] = 0.0;
       ++refusals;
       continue;
     }
-    for (std::size_t i : lowered) set_abits(bands[i], lower_abits(bands[i].entry->abits, config));
+    for (std::size_t i : lowered) {
+      set_abits(bands[i], lower_abits(bands[i].entry->abits, config));
+      refresh(i);
+    }
     free_bits = free_bits + freed - raise.bits;
     set_abits(band, raise.to);
+    refresh(top);
     ++moves;
     refusals = 0;
   }
