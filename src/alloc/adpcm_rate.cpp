@@ -190,7 +190,10 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
       loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
     }
     taken[top] = 0;
-    for (std::size_t i : lowered) taken[i] = 0;
+    for (std::size_t i : lowered) {
+      taken[i] = 0;
+      refresh(i);  // their step down is measured now, no longer modelled
+    }
     if (free_bits + freed < raise.bits || !(loss < raise.gain * kExchangeMargin)) {
       // The best raises are priced against the cheapest bits there are;
       // after a few refusals the rest will not pay either.
