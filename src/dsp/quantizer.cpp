@@ -30,40 +30,9 @@ double scale_value(unsigned scale_index) {
   return kScaleFactor6[scale_index];
 }
 
-QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high, unsigned scale_hint) {
-  if (low < kMinDirectAbits || high > kMaxDirectAbits || low > high)
-    throw std::invalid_argument("baseline ABITS range must be within 8..26");
-  if (!(peak > 1e-18)) return {};
-  const double* const first = kScaleFactor6.data();
-  const double* const last = first + kScaleFactor6Count;
-  for (unsigned a = low; a <= high; ++a) {
-    const double levels = static_cast<double>(index_max(a));
-    const double needed = peak / (levels * kStepSize[a]);
-    // Also false for NaN, which no scale fits.
-    if (!(needed <= last[-1])) continue;
-    // The table ascends, so the first entry not below `needed` is the
-    // smallest scale that fits; the walks stop at it from either side.
-    const double* found = nullptr;
-    if (scale_hint < kScaleFactor6Count) {
-      found = first + scale_hint;
-      if (*found >= needed) {
-        while (found != first && found[-1] >= needed) --found;
-      } else {
-        while (*found < needed) ++found;
-      }
-    } else {
-      found = std::lower_bound(first, last, needed);
-    }
-    QuantizerChoice c;
-    c.abits = static_cast<std::uint8_t>(a);
-    c.scale_index = static_cast<std::uint8_t>(found - first);
-    c.scale = *found;
-    c.step = kStepSize[a];
-    c.quantum = c.scale * c.step;
-    return c;
-  }
-  throw std::invalid_argument("DTS baseline quantizer cannot represent subband peak");
-}
+void throw_baseline_range() { throw std::invalid_argument("baseline ABITS range must be within 8..26"); }
+
+void throw_baseline_peak() { throw std::invalid_argument("DTS baseline quantizer cannot represent subband peak"); }
 
 QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t count, unsigned low, unsigned high) {
   if (samples == nullptr && count != 0) throw std::invalid_argument("null samples");

@@ -1,6 +1,7 @@
 #pragma once
 // Scale factors, step sizes and the direct (NFE) quantizer shared by every
 // encoder path.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -31,8 +32,8 @@ QuantizerChoice choose_baseline_quantizer(const double* samples, std::size_t cou
 // usually within one entry) turns the table search into a short walk; any
 // hint gives the same result.
 inline constexpr unsigned kNoScaleHint = 63;
-QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high,
-                                            unsigned scale_hint = kNoScaleHint);
+inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high,
+                                                   unsigned scale_hint = kNoScaleHint);
 inline std::int32_t quantize(double x, const QuantizerChoice& choice);
 double dequantize(std::int32_t index, const QuantizerChoice& choice);
 unsigned nfe_width(unsigned abits);
@@ -40,6 +41,43 @@ void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits);
 void write_dsync(BitWriter& writer);
 
 [[noreturn]] void throw_quantizer_abits();
+[[noreturn]] void throw_baseline_range();
+[[noreturn]] void throw_baseline_peak();
+
+// Inline so that the allocator's one-ABITS lookups fold down to the walk.
+inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high, unsigned scale_hint) {
+  if (low < 8 || high > 26 || low > high) throw_baseline_range();
+  if (!(peak > 1e-18)) return {};
+  const double* const first = kScaleFactor6.data();
+  const double* const last = first + kScaleFactor6Count;
+  for (unsigned a = low; a <= high; ++a) {
+    const auto levels = static_cast<double>((std::int32_t{1} << (a - 4)) - 1);
+    const double needed = peak / (levels * kStepSize[a]);
+    // Also false for NaN, which no scale fits.
+    if (!(needed <= last[-1])) continue;
+    // The table ascends, so the first entry not below `needed` is the
+    // smallest scale that fits; the walks stop at it from either side.
+    const double* found = nullptr;
+    if (scale_hint < kScaleFactor6Count) {
+      found = first + scale_hint;
+      if (*found >= needed) {
+        while (found != first && found[-1] >= needed) --found;
+      } else {
+        while (*found < needed) ++found;
+      }
+    } else {
+      found = std::lower_bound(first, last, needed);
+    }
+    QuantizerChoice c;
+    c.abits = static_cast<std::uint8_t>(a);
+    c.scale_index = static_cast<std::uint8_t>(found - first);
+    c.scale = *found;
+    c.step = kStepSize[a];
+    c.quantum = c.scale * c.step;
+    return c;
+  }
+  throw_baseline_peak();
+}
 [[noreturn]] void throw_step_size_abits();
 
 // Inline, like quantize: the rate allocators look step sizes up per band.
