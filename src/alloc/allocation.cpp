@@ -98,17 +98,21 @@ void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
   total += step.delta;
 }
 
-// The search keeps its candidates in a tournament tree over the bands: each
-// inner node holds the better of its two children, so the root is the best
-// pending step. Taking a step changes only that band's key, and one pass up
-// its path (one comparison per level, no data-dependent descent as in a
-// binary heap) restores the tree. The order is a max-heap's: larger gain
-// first, then the lower (subframe, channel, band), which as the left child
-// wins ties.
-struct Tournament {
-  std::size_t leaves = 1;             // power of two >= band count
-  std::vector<std::uint64_t> key;     // per band: 0 once it has no step left
-  std::vector<std::uint32_t> winner;  // [1, leaves): inner nodes; [leaves, 2 * leaves): the bands
+// The search keeps its candidates in a loser tree over the bands: each inner
+// node holds the loser of the match played there, the root slot the overall
+// winner, which is the best pending step. Taking a step changes only the
+// winner's key, and replaying its path restores the tree; the nodes on that
+// path are known before any comparison, so the loads do not wait on each
+// other as a heap's descent or a winner tree's sibling look-ups do. The order
+// is a max-heap's: larger gain first, then the lower (subframe, channel,
+// band).
+struct LoserTree {
+  struct Entry {
+    std::uint64_t key = 0;  // 0 once the band has no step left
+    std::uint32_t band = 0;
+  };
+  std::size_t leaves = 1;    // power of two >= band count
+  std::vector<Entry> node;   // [0]: the winner; [1, leaves): losers
 
   // Orders gains as unsigned integers: sign bit flipped for positives, all
   // bits for negatives, and -0 first made +0 so that it ties with +0 as in
@@ -118,37 +122,54 @@ struct Tournament {
     const auto bits = std::bit_cast<std::uint64_t>(gain + 0.0);
     return (bits >> 63) != 0 ? ~bits : bits | (std::uint64_t{1} << 63);
   }
-  std::uint32_t better(std::uint32_t left, std::uint32_t right) const {
-    return key[right] > key[left] ? right : left;
+  static bool beats(const Entry& a, const Entry& b) { return a.key > b.key || (a.key == b.key && a.band < b.band); }
+
+  void build(const std::vector<std::uint64_t>& keys) {
+    leaves = 1;
+    while (leaves < keys.size()) leaves *= 2;
+    // Winners of every subtree, bottom-up; the losers stay in the nodes.
+    std::vector<Entry> win(2 * leaves);
+    for (std::size_t i = 0; i < leaves; ++i)
+      win[leaves + i] = {i < keys.size() ? keys[i] : 0, static_cast<std::uint32_t>(i)};
+    node.assign(leaves, Entry{});
+    for (std::size_t k = leaves; k-- > 1;) {
+      const Entry& l = win[2 * k];
+      const Entry& r = win[2 * k + 1];
+      const bool left_wins = beats(l, r) || !beats(r, l);
+      win[k] = left_wins ? l : r;
+      node[k] = left_wins ? r : l;
+    }
+    node[0] = win[1];
   }
-  void update(std::uint32_t band) {
-    for (std::size_t k = (leaves + band) / 2; k >= 1; k /= 2) winner[k] = better(winner[2 * k], winner[2 * k + 1]);
+  // The winner's key changed: replay its matches up to the root.
+  void replay(std::uint64_t key) {
+    Entry current{key, node[0].band};
+    for (std::size_t k = (leaves + current.band) / 2; k >= 1; k /= 2) {
+      if (beats(node[k], current)) std::swap(node[k], current);
+    }
+    node[0] = current;
   }
 };
 
 void tournament_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
-                 std::uint64_t& total) {
+                       std::uint64_t& total) {
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
   std::vector<Step> pending(count);
-  Tournament t;
-  while (t.leaves < count) t.leaves *= 2;
-  t.key.assign(t.leaves, 0);
-  t.winner.resize(2 * t.leaves);
+  std::vector<std::uint64_t> keys(count, 0);
   for (std::uint32_t i = 0; i < count; ++i)
-    if (evaluate_step(frame, i, cfg, threshold, pending[i])) t.key[i] = Tournament::key_of(pending[i].gain_unit);
-  for (std::size_t i = 0; i < t.leaves; ++i) t.winner[t.leaves + i] = static_cast<std::uint32_t>(i);
-  for (std::size_t k = t.leaves; k-- > 1;) t.winner[k] = t.better(t.winner[2 * k], t.winner[2 * k + 1]);
+    if (evaluate_step(frame, i, cfg, threshold, pending[i])) keys[i] = LoserTree::key_of(pending[i].gain_unit);
+  LoserTree t;
+  t.build(keys);
   for (;;) {
-    const std::uint32_t index = t.winner[1];
-    if (t.key[index] == 0) break;
-    Step& step = pending[index];
+    const LoserTree::Entry top = t.node[0];
+    if (top.key == 0) break;
+    Step& step = pending[top.band];
     bool keep = false;
     if (total + step.delta <= budget) {
       apply_step(frame, step, total);
-      keep = evaluate_step(frame, index, cfg, threshold, step);
+      keep = evaluate_step(frame, top.band, cfg, threshold, step);
     }  // else: this band grows no further
-    t.key[index] = keep ? Tournament::key_of(step.gain_unit) : 0;
-    t.update(index);
+    t.replay(keep ? LoserTree::key_of(step.gain_unit) : 0);
   }
 }
 
