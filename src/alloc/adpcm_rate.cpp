@@ -40,13 +40,8 @@ double measure(Band& band, unsigned abits) {
   double& d = band.distortion[abits];
   if (band.known & (1u << abits)) return d;
   band.known |= 1u << abits;
-  const QuantizerChoice q = choose_baseline_quantizer(band.x.data(), kSamples, abits, abits);
-  double err = 0.0;
-  for (double v : band.x) {
-    const double e = v - static_cast<double>(quantize(v, q)) * q.quantum;
-    err += e * e;
-  }
-  d = err / static_cast<double>(kSamples);
+  const QuantizerChoice q = baseline_quantizer_for_peak(band.entry->peak, abits, abits, band.entry->quantizer.scale_index);
+  d = quantization_error<kSamples>(band.x.data(), q) / static_cast<double>(kSamples);
   return d;
 }
 
@@ -107,7 +102,8 @@ void set_abits(Band& band, unsigned abits) {
   AllocationBand& e = *band.entry;
   e.abits = static_cast<std::uint8_t>(abits);
   e.distortion = band.distortion[abits];
-  e.quantizer = abits == 0 ? QuantizerChoice{} : choose_baseline_quantizer(band.x.data(), kSamples, abits, abits);
+  e.quantizer = abits == 0 ? QuantizerChoice{}
+                            : baseline_quantizer_for_peak(e.peak, abits, abits, e.quantizer.scale_index);
 }
 
 }  // namespace
@@ -221,7 +217,7 @@ AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& channels,
                                      const AllocationConfig& config, AdpcmStreamState& /*state*/) {
   AdpcmRateResult result;
   result.exchanges = refine_allocation(channels, plan, budget_bits, config);
-  if (result.exchanges != 0) payload = payload_from_plan(channels, plan);
+  payload = payload_from_plan(channels, plan);
   // Prediction is not used yet: every subband stays in direct coding.
   result.payload_bits = plan.total_bits;
   return result;

@@ -35,8 +35,8 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
                                 std::uint64_t budget_bits, const AllocationConfig& config);
 
 // channels: one block of 1024 subband samples each (subframe s, sample k,
-// band b at s * 256 + k * 32 + b). `payload` was built from `plan`; both are
-// updated together and stay within `budget_bits`.
+// band b at s * 256 + k * 32 + b). Refines `plan` and makes `payload` from
+// it; both stay within `budget_bits`.
 AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& channels, AllocationPlan& plan,
                                      FramePayload& payload, std::uint64_t budget_bits,
                                      const AllocationConfig& config, AdpcmStreamState& state);

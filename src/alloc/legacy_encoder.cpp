@@ -4,7 +4,6 @@
 
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
-#include "alloc/plan_payload.h"
 
 namespace tavrin {
 
@@ -38,7 +37,6 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
   config.allocation.psycho_weighting = 1;
   AllocationPlan plan = allocate(channels, payload_budget, config.allocation, &psycho);
-  frame.payload = payload_from_plan(channels, plan);
 
   const AdpcmRateResult rate =
       allocate_adpcm_rates(channels, plan, frame.payload, payload_budget, config.allocation, state.adpcm);
