@@ -148,7 +148,7 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
   std::uint64_t free_bits = budget_bits - plan.total_bits;
   std::uint32_t moves = 0;
   unsigned refusals = 0;
-  std::vector<std::size_t> lowered;
+  std::vector<std::size_t> lowered, cheapest;
   // Every move lowers the weighted error, so the loop cannot cycle; the cap
   // only bounds the work on pathological frames.
   const std::size_t max_moves = count * 2;
@@ -165,25 +165,34 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
       continue;
     }
 
-    // Free the missing bits where they cost the least weighted error.
+    // Free the missing bits where they cost the least weighted error. Every
+    // step down frees at least 8 bits, which bounds how many can be needed;
+    // one pass finds that many cheapest, in order, lower index first on ties.
     lowered.clear();
     taken[top] = 1;
     std::uint64_t freed = 0;
     double loss = 0.0;
-    while (free_bits + freed < raise.bits) {
-      std::size_t cheapest = count;
+    if (free_bits < raise.bits) {
+      const std::size_t wanted = static_cast<std::size_t>((raise.bits - free_bits + 7) / 8);
+      cheapest.clear();
       for (std::size_t i = 0; i < count; ++i) {
         if (taken[i] || lower_rate[i] == std::numeric_limits<double>::infinity()) continue;
-        if (cheapest == count || lower_rate[i] < lower_rate[cheapest]) cheapest = i;
+        if (cheapest.size() == wanted && !(lower_rate[i] < lower_rate[cheapest.back()])) continue;
+        auto at = cheapest.end();
+        while (at != cheapest.begin() && lower_rate[i] < lower_rate[*(at - 1)]) --at;
+        cheapest.insert(at, i);
+        if (cheapest.size() > wanted) cheapest.pop_back();
       }
-      if (cheapest == count) break;
-      Band& victim = bands[cheapest];
-      const unsigned a = victim.entry->abits;
-      const unsigned to = lower_abits(a, config);
-      taken[cheapest] = 1;
-      lowered.push_back(cheapest);
-      freed += band_bit_cost(a) - band_bit_cost(to);
-      loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
+      for (std::size_t i : cheapest) {
+        if (free_bits + freed >= raise.bits) break;
+        Band& victim = bands[i];
+        const unsigned a = victim.entry->abits;
+        const unsigned to = lower_abits(a, config);
+        taken[i] = 1;
+        lowered.push_back(i);
+        freed += band_bit_cost(a) - band_bit_cost(to);
+        loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
+      }
     }
     taken[top] = 0;
     for (std::size_t i : lowered) {
