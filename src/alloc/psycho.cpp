@@ -125,7 +125,8 @@ PsychoAnalysis analyse_psycho(const std::vector<const double*>& channels, Psycho
 
   // Step 3: absolute threshold, and the spreading attenuation per distance,
   // computed once here rather than per band pair.
-  const BandArray ath = absolute_threshold();
+  // The threshold depends on nothing but the band: worked out once.
+  static const BandArray ath = absolute_threshold();
   // spread_upper_reversed[31 - d] is the attenuation at distance d above.
   BandArray spread_lower{}, spread_upper_reversed{};
   for (std::size_t d = 1; d < kPsychoBands; ++d) {
