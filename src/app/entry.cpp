@@ -119,11 +119,7 @@ int encode(int argc, char** argv) {
   ProgressState progress;
   progress.suppressed = options.quiet;
 
-  // Frames go out as they are made; a larger buffer only spares system calls.
-  std::vector<char> out_buffer(1 << 18);
-  std::ofstream out;
-  out.rdbuf()->pubsetbuf(out_buffer.data(), static_cast<std::streamsize>(out_buffer.size()));
-  out.open(output_path, std::ios::binary | std::ios::trunc);
+  std::ofstream out(output_path, std::ios::binary | std::ios::trunc);
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
   if (is_flac_name(input_path)) {
@@ -134,6 +130,8 @@ int encode(int argc, char** argv) {
     run_stream(in, out, options, progress);
   }
   out.close();
+  // Whatever the stream still held must reach the file too.
+  if (out.fail()) throw std::runtime_error("failed writing DTS output");
   if (progress.lineOpen) {
     std::cout << '\n';
     std::cout.flush();

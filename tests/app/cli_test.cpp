@@ -124,6 +124,16 @@ TEST(Cli, ShortAudioKeepsTheFramesAlreadyMade) {
   EXPECT_EQ(fs::file_size(dir / "out.dts"), 3u * 2048u);
 }
 
+TEST(Cli, AFullDiskIsAnError) {
+  if (!fs::exists("/dev/full")) GTEST_SKIP() << "no /dev/full here";
+  const fs::path dir = test::fresh_test_dir("cli-full");
+  write_wav_file((dir / "in.wav").string(), {std::vector<double>(100, 0.1), std::vector<double>(100, 0.1)}, 48000,
+                 SampleFormat::s16le);
+  const auto r = tavrin({(dir / "in.wav").string(), "/dev/full", "-q"});
+  EXPECT_EQ(r.exit_status, 1);
+  EXPECT_EQ(r.err, "Tavrin-DTS: failed writing DTS output\n");
+}
+
 TEST(Cli, FlacIsRecognisedByTheLastExtension) {
   const fs::path dir = test::fresh_test_dir("cli-flac");
   for (const char* name : {"a.flac", "b.FLAC", "c.Flac"}) {
