@@ -138,6 +138,14 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
       ASSERT_TRUE(got == want || (std::isnan(got) && std::isnan(want))) << "abits " << a << " at " << i;
     }
   }
+  // Samples whose product with the reciprocal of the quantum rounds the other
+  // way from their quotient: the error sum must still follow the quotient.
+  const QuantizerChoice q12 = baseline_quantizer_for_peak(1000.0, 12, 12);
+  const double near_ties[8] = {466.32781076431269,  -485.85986566543573, 476.09383821487421, -212.41109704971311,
+                               -241.70917940139768, -446.79575586318964, 466.32781076431269, 0.0};
+  double want = 0.0;
+  for (double v : near_ties) want += (v - quantize(v, q12) * q12.quantum) * (v - quantize(v, q12) * q12.quantum);
+  EXPECT_EQ(quantization_error<8>(near_ties, q12), want);
   const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
   EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
