@@ -82,9 +82,10 @@ TEST(Psycho, HighBandFactorReachesTheFloorAtBand31) {
 TEST(Psycho, AttackFollowsEnergyChangesBetweenSubframes) {
   // Amplitude, then expected attack, per subframe.
   const std::vector<std::pair<std::vector<double>, std::vector<double>>> cases = {
-      {{0, 0, 1, 1}, {0, 0, 1, 0}},          // onset after silence, then steady
-      {{1, 0.5, 0.25, 0.25}, {1, 0, 0, 0}},  // no history: onset; decay gives 0
-      {{1, 5, 0, 1}, {1, 1, 0, 1}},          // large rises clamp at 1
+      {{0, 0, 1, 1}, {0, 0, 1, 0}},                       // onset after silence, then steady
+      {{1, 0.5, 0.25, 0.25}, {1, 0, 0, 0}},               // no history: onset; decay gives 0
+      {{1, std::sqrt(2.0), 2, 4}, {1, 0.25, 0.25, 0.5}},  // a quarter per octave of energy
+      {{1, 5, 0, 1}, {1, 1, 0, 1}},                       // large rises clamp at 1
   };
   for (const auto& [amp, attack] : cases) {
     const PsychoAnalysis a = analyse_psycho(views({frame(amp)}), nullptr, {});
@@ -108,7 +109,7 @@ TEST(Psycho, TemporalStateCarriesSubframe3Energies) {
   EXPECT_NEAR(second.subframes[0][5].temporal_term, 0.2 * 0.5 * ep, ep * 1e-12);
 
   // A state of another channel count is ignored for one frame, then replaced.
-  EXPECT_EQ(analyse_psycho(views({block, block}), &state, cfg).subframes[0][32 + 5].attack, 1.0);
+  EXPECT_EQ(analyse_psycho(views({block, block}), &state, cfg).subframes[0][5].attack, 1.0);
   EXPECT_EQ(state.energies.size(), 2u);
 }
 
