@@ -11,16 +11,14 @@
 #include <tuple>
 #include <vector>
 
+#include "support/blocks.h"
+
 namespace tavrin {
 namespace {
 
 using Block = std::vector<double>;
 
-std::vector<const double*> views(const std::vector<Block>& blocks) {
-  std::vector<const double*> out;
-  for (const Block& b : blocks) out.push_back(b.data());
-  return out;
-}
+using test::views;
 
 // Noise falling off with band, in the analysis bank's units; `gain` per channel.
 std::vector<Block> noise_frame(const std::vector<double>& gain, std::uint32_t seed) {

@@ -13,6 +13,7 @@
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
 #include "bitstream/primary_header.h"
+#include "support/blocks.h"
 
 namespace tavrin {
 namespace {
@@ -35,11 +36,6 @@ std::vector<std::vector<double>> subband_frame(std::size_t channels, unsigned se
   return frame;
 }
 
-std::vector<const double*> pointers(const std::vector<std::vector<double>>& frame) {
-  std::vector<const double*> p;
-  for (const auto& ch : frame) p.push_back(ch.data());
-  return p;
-}
 
 std::string failure_of(const std::function<void()>& f) {
   try {
@@ -56,26 +52,26 @@ TEST(LegacyEncoder, RejectsWithExactMessages) {
   LegacyEncoderConfig config;
   LegacyEncoderState state;
   const StreamParams stream{48000, 768000};
-  EXPECT_EQ(failure_of([&] { encode_legacy_frame(pointers(three), 2, stream, 2048, config, state); }),
+  EXPECT_EQ(failure_of([&] { encode_legacy_frame(test::views(three), 2, stream, 2048, config, state); }),
             "AMODE primary-channel count mismatch");
   // The budget must exceed the 104 header bits plus the reserve.
   LegacyEncoderConfig greedy_reserve;
   greedy_reserve.allocation.reserved_bits = 100 * 8 - 104;
-  EXPECT_EQ(failure_of([&] { encode_legacy_frame(pointers(stereo), 2, stream, 100, greedy_reserve, state); }),
+  EXPECT_EQ(failure_of([&] { encode_legacy_frame(test::views(stereo), 2, stream, 100, greedy_reserve, state); }),
             "frame too small for rate-optimized ADPCM DTS Core header");
   greedy_reserve.allocation.reserved_bits -= 1;
-  EXPECT_NE(failure_of([&] { encode_legacy_frame(pointers(stereo), 2, stream, 100, greedy_reserve, state); }),
+  EXPECT_NE(failure_of([&] { encode_legacy_frame(test::views(stereo), 2, stream, 100, greedy_reserve, state); }),
             "frame too small for rate-optimized ADPCM DTS Core header");
   AllocationPlan plan;
   EXPECT_EQ(failure_of([&] { payload_from_plan({}, plan); }), "DTS adaptive payload requires 1..5 channels");
-  EXPECT_EQ(failure_of([&] { payload_from_plan(pointers(stereo), plan); }),
+  EXPECT_EQ(failure_of([&] { payload_from_plan(test::views(stereo), plan); }),
             "Phase-7 adaptive payload requires four subframes");
   plan.subframes.assign(4, std::vector<std::vector<AllocationBand>>(1, std::vector<AllocationBand>(32)));
-  EXPECT_EQ(failure_of([&] { payload_from_plan(pointers(stereo), plan); }), "adaptive allocation channel mismatch");
+  EXPECT_EQ(failure_of([&] { payload_from_plan(test::views(stereo), plan); }), "adaptive allocation channel mismatch");
   plan.subframes.assign(4, std::vector<std::vector<AllocationBand>>(2, std::vector<AllocationBand>(31)));
-  EXPECT_EQ(failure_of([&] { payload_from_plan(pointers(stereo), plan); }), "adaptive allocation band mismatch");
+  EXPECT_EQ(failure_of([&] { payload_from_plan(test::views(stereo), plan); }), "adaptive allocation band mismatch");
   // The production-candidate path is refused, not silently replaced.
-  EXPECT_EQ(failure_of([&] { dispatch_stereo_frame(pointers(stereo), 2, stream, 2048, config, state, true); }),
+  EXPECT_EQ(failure_of([&] { dispatch_stereo_frame(test::views(stereo), 2, stream, 2048, config, state, true); }),
             "the production-candidate 24+8 encoder is not available in this version yet");
 }
 
@@ -89,8 +85,8 @@ TEST(LegacyEncoder, AllocationCountEqualsWrittenBits) {
     AllocationConfig config = stereo_allocation_config();
     for (std::uint64_t budget : {std::uint64_t{0}, std::uint64_t{9000}, std::uint64_t{40000}}) {
       const std::uint64_t silent_cost = 91 + 813 * channels;
-      const AllocationPlan plan = allocate(pointers(frame), std::max(budget, silent_cost), config, nullptr);
-      const FramePayload payload = payload_from_plan(pointers(frame), plan);
+      const AllocationPlan plan = allocate(test::views(frame), std::max(budget, silent_cost), config, nullptr);
+      const FramePayload payload = payload_from_plan(test::views(frame), plan);
       EXPECT_EQ(payload_bit_count(payload), plan.total_bits);
       EXPECT_EQ(count_allocation_bits(plan, channels), plan.total_bits);
     }
@@ -106,7 +102,7 @@ TEST(LegacyEncoder, FramesFitTheirSizeAndCarryHistoryFromTheSecondFrame) {
   for (std::uint32_t size : {2048u, 2229u, 3763u, 4096u}) {
     SCOPED_TRACE(size);
     const auto frame = subband_frame(2, size);
-    const CoreFrame made = encode_legacy_frame(pointers(frame), 2, {44100, 1411200}, size, config, state);
+    const CoreFrame made = encode_legacy_frame(test::views(frame), 2, {44100, 1411200}, size, config, state);
     EXPECT_EQ(made.bytes.size(), size);
     EXPECT_LE(made.payload_bits + config.allocation.reserved_bits, size * 8);
     EXPECT_EQ(made.header.hflag, size == 2048u ? 0 : 1);
@@ -117,7 +113,7 @@ TEST(LegacyEncoder, FramesFitTheirSizeAndCarryHistoryFromTheSecondFrame) {
   // A reset makes the next frame start without history.
   state.adpcm.reset_pending = true;
   const auto frame = subband_frame(2, 9);
-  EXPECT_EQ(encode_legacy_frame(pointers(frame), 2, {48000, 768000}, 2048, config, state).header.hflag, 0);
+  EXPECT_EQ(encode_legacy_frame(test::views(frame), 2, {48000, 768000}, 2048, config, state).header.hflag, 0);
   EXPECT_FALSE(state.adpcm.reset_pending);
 }
 
@@ -125,7 +121,7 @@ TEST(LegacyEncoder, SilenceCodesNothingAndPassesBothChecks) {
   const std::vector<std::vector<double>> silence(2, std::vector<double>(1024, 0.0));
   LegacyEncoderConfig config;
   LegacyEncoderState state;
-  const CoreFrame made = encode_legacy_frame(pointers(silence), 2, {48000, 768000}, 2048, config, state);
+  const CoreFrame made = encode_legacy_frame(test::views(silence), 2, {48000, 768000}, 2048, config, state);
   for (const auto& sub : made.payload.subframes)
     for (const auto& ch : sub.abits)
       for (auto a : ch) EXPECT_EQ(a, 0);
@@ -147,7 +143,7 @@ TEST(RateRefinement, ImprovesWithinTheBudget) {
   for (unsigned seed = 1; seed <= 6; ++seed) {
     SCOPED_TRACE(seed);
     const auto frame = subband_frame(2, seed);
-    const auto ch = pointers(frame);
+    const auto ch = test::views(frame);
     const std::uint64_t budget = 9000 + 2000 * seed;
     AllocationPlan plan = allocate(ch, budget, config, nullptr);
     const double before = weighted_error(plan);
@@ -171,7 +167,7 @@ TEST(RateRefinement, ImprovesWithinTheBudget) {
 TEST(RateRefinement, UnsticksAPeriodicTone) {
   const AllocationConfig config = stereo_allocation_config();
   const auto frame = subband_frame(2, 42, 4e6);
-  const auto ch = pointers(frame);
+  const auto ch = test::views(frame);
   AllocationPlan plan = allocate(ch, 12000, config, nullptr);
   const unsigned greedy = plan.subframes[0][0][1].abits;
   EXPECT_GT(refine_allocation(ch, plan, 12000, config), 0u);

@@ -9,16 +9,14 @@
 #include <utility>
 #include <vector>
 
+#include "support/blocks.h"
+
 namespace tavrin {
 namespace {
 
 using Block = std::vector<double>;
 
-std::vector<const double*> views(const std::vector<Block>& blocks) {
-  std::vector<const double*> out;
-  for (const Block& b : blocks) out.push_back(b.data());
-  return out;
-}
+using test::views;
 
 // Alternating samples of amplitude amp[s] in every band of subframe s.
 Block frame(const std::vector<double>& amp) {

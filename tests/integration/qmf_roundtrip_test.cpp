@@ -10,6 +10,7 @@
 #include <random>
 #include <vector>
 
+#include "alloc/plan_payload.h"
 #include "bitstream/frame.h"
 #include "dsp/qmf.h"
 #include "dsp/quantizer.h"
@@ -41,20 +42,6 @@ std::vector<std::vector<double>> make_input() {
   return x;
 }
 
-PrimaryHeader primary_header() {
-  PrimaryHeader h;
-  h.subfs = kSubframes;
-  for (std::size_t c = 0; c < kChannels; ++c) {
-    h.subs.push_back(32);
-    h.vqsub.push_back(32);
-    h.joinx.push_back(0);
-    h.thuff.push_back(0);
-    h.shuff.push_back(5);
-    h.bhuff.push_back(6);
-    h.sel.push_back({1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
-  }
-  return h;
-}
 
 // Subframe k holds time slots 8k..8k+7; each band's 8 samples get their own
 // quantizer.
@@ -100,7 +87,7 @@ std::vector<std::uint8_t> encode(const std::vector<std::vector<double>>& x) {
     f.header.vernum = 7;
     f.header.pcm_bits = 24;
     f.header.lff = 0;
-    f.payload.header = primary_header();
+    f.payload.header = legacy_primary_header(kChannels);
     f.payload.lff = 0;
     for (unsigned k = 0; k < kSubframes; ++k) f.payload.subframes.push_back(quantized_subframe(analysed, k));
     write_frame(f, kFrameBytes, FrameKind::stereo);
