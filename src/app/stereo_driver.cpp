@@ -1,6 +1,7 @@
 // The stereo encode: PCM in 1024-sample frames, one QMF bank per channel, the
 // frame dispatcher, each frame written as soon as it is made, and the
 // summary.
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <iostream>
