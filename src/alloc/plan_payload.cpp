@@ -43,15 +43,7 @@ FramePayload payload_from_plan(const std::vector<const double*>& channels, const
     const auto& plan_sub = plan.subframes[s];
     if (plan_sub.size() != count) throw std::runtime_error("adaptive allocation channel mismatch");
     Subframe& sub = payload.subframes[s];
-    sub.ssc = 1;
-    sub.psc = 0;
-    sub.pmode.assign(count, std::vector<std::uint8_t>(kBands, 0));
-    sub.pvq.assign(count, std::vector<std::uint16_t>(kBands, 0));
-    sub.abits.assign(count, std::vector<std::uint8_t>(kBands, 0));
-    sub.tmode.assign(count, std::vector<std::uint8_t>(kBands, 0));
-    sub.scale.assign(count, std::vector<std::uint8_t>(kBands, 0));
-    sub.scale2.assign(count, std::vector<std::uint8_t>(kBands, 0));
-    sub.audio.assign(count, std::vector<std::int32_t>(kBands * kSamplesPerSubframe, 0));
+    sub = blank_subframe(static_cast<unsigned>(count), kBands);
     for (std::size_t c = 0; c < count; ++c) {
       if (plan_sub[c].size() != kBands) throw std::runtime_error("adaptive allocation band mismatch");
       const double* block = channels[c] + s * kBands * kSamplesPerSubframe;

@@ -202,4 +202,18 @@ std::uint64_t payload_bit_count(const FramePayload& payload) {
   return counter.bits;
 }
 
+Subframe blank_subframe(unsigned channels, unsigned bands) {
+  Subframe s;
+  s.ssc = 1;
+  s.psc = 0;
+  s.pmode.assign(channels, std::vector<std::uint8_t>(bands, 0));
+  s.pvq.assign(channels, std::vector<std::uint16_t>(bands, 0));
+  s.abits.assign(channels, std::vector<std::uint8_t>(bands, 0));
+  s.tmode.assign(channels, std::vector<std::uint8_t>(bands, 0));
+  s.scale.assign(channels, std::vector<std::uint8_t>(bands, 0));
+  s.scale2.assign(channels, std::vector<std::uint8_t>(bands, 0));
+  s.audio.assign(channels, std::vector<std::int32_t>(static_cast<std::size_t>(bands) * 8, 0));
+  return s;
+}
+
 }  // namespace tavrin

@@ -34,6 +34,10 @@ struct FramePayload {
   std::uint8_t lff = 0;
 };
 
+// A subframe of one subsubframe for `channels` channels of `bands` subbands,
+// every list sized and all zero: every band silent, no prediction.
+Subframe blank_subframe(unsigned channels, unsigned bands);
+
 // One directly coded (NFE) sample: the index's low ABITS - 3 bits.
 // "NFE direct coding requires ABITS 8..26",
 // "NFE quantization index out of signed range".

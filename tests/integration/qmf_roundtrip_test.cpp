@@ -46,25 +46,17 @@ std::vector<std::vector<double>> make_input() {
 // Subframe k holds time slots 8k..8k+7; each band's 8 samples get their own
 // quantizer.
 Subframe quantized_subframe(const std::vector<SubbandBlock>& analysed, unsigned k) {
-  Subframe s;
-  s.ssc = 1;
-  for (const SubbandBlock& sb : analysed) {
-    s.pmode.emplace_back(kQmfBands, 0);
-    s.pvq.emplace_back(kQmfBands, 0);
-    s.abits.emplace_back(kQmfBands, 0);
-    s.tmode.emplace_back(kQmfBands, 0);
-    s.scale.emplace_back(kQmfBands, 0);
-    s.scale2.emplace_back(kQmfBands, 0);
-    s.audio.emplace_back(kQmfBands * kSlotsPerSubframe, 0);
+  Subframe s = blank_subframe(static_cast<unsigned>(analysed.size()), kQmfBands);
+  for (std::size_t c = 0; c < analysed.size(); ++c) {
+    const SubbandBlock& sb = analysed[c];
     for (std::size_t b = 0; b < kQmfBands; ++b) {
       double slice[kSlotsPerSubframe];
       for (std::size_t i = 0; i < kSlotsPerSubframe; ++i)
         slice[i] = sb.samples[(k * kSlotsPerSubframe + i) * kQmfBands + b];
       const QuantizerChoice q = choose_baseline_quantizer(slice, kSlotsPerSubframe, 20, 26);
-      s.abits.back()[b] = q.abits;
-      s.scale.back()[b] = q.scale_index;
-      for (std::size_t i = 0; i < kSlotsPerSubframe; ++i)
-        s.audio.back()[b * kSlotsPerSubframe + i] = quantize(slice[i], q);
+      s.abits[c][b] = q.abits;
+      s.scale[c][b] = q.scale_index;
+      for (std::size_t i = 0; i < kSlotsPerSubframe; ++i) s.audio[c][b * kSlotsPerSubframe + i] = quantize(slice[i], q);
     }
   }
   return s;
