@@ -99,15 +99,6 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
                             step);
 }
 
-// The step after `step`, as if `step` had been taken.
-bool evaluate_step_after(const Frame& frame, const Step& step, const AllocationConfig& cfg, double threshold,
-                         Step& after) {
-  after.valid = false;
-  if (!step.valid) return false;
-  return evaluate_step_from(frame, step.band, cfg, threshold, step.abits, step.quantizer.scale_index,
-                            step.distortion, after);
-}
-
 void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
   AllocationBand& band = *frame.bands[step.band];
   band.abits = step.abits;
@@ -199,7 +190,8 @@ void tournament_search(const Frame& frame, std::uint64_t budget, const Allocatio
       }
       if (step.valid) {
         key = LoserTree::key_of(step.gain_unit);
-        evaluate_step_after(frame, step, cfg, threshold, ahead[top.band]);
+        evaluate_step_from(frame, top.band, cfg, threshold, step.abits, step.quantizer.scale_index, step.distortion,
+                           ahead[top.band]);
         has_ahead[top.band] = 1;
       }
     }  // else: this band grows no further
