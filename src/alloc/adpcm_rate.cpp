@@ -106,6 +106,24 @@ void set_abits(Band& band, unsigned abits) {
                             : baseline_quantizer_for_peak(e.peak, abits, abits, e.quantizer.scale_index);
 }
 
+// The index of the first largest rate, as std::max_element gives it (the
+// rates are never NaN). Four running maxima keep the scan from waiting on
+// each comparison; the second pass stops at the first match.
+std::size_t first_largest(const std::vector<double>& rates) {
+  const std::size_t n = rates.size();
+  const double* r = rates.data();
+  double m[4] = {-std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+                 -std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
+  std::size_t i = 0;
+  for (; i + 4 <= n; i += 4)
+    for (std::size_t j = 0; j < 4; ++j) m[j] = std::max(m[j], r[i + j]);
+  for (; i < n; ++i) m[0] = std::max(m[0], r[i]);
+  const double best = std::max(std::max(m[0], m[1]), std::max(m[2], m[3]));
+  for (i = 0; i < n; ++i)
+    if (r[i] == best) return i;
+  return n;
+}
+
 }  // namespace
 
 std::uint32_t refine_allocation(const std::vector<const double*>& channels, AllocationPlan& plan,
@@ -137,7 +155,6 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
   // Modelled rates are kept per band and refreshed only where a move
   // changed something, so each round is two plain scans.
   std::vector<double> raise_rate(count), lower_rate(count);
-  std::vector<char> taken(count, 0);
   auto refresh = [&](std::size_t i) {
     raise_rate[i] = modelled_raise_rate(bands[i], config);
     lower_rate[i] = bands[i].entry->abits == 0 ? std::numeric_limits<double>::infinity()
@@ -153,8 +170,7 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
   // only bounds the work on pathological frames.
   const std::size_t max_moves = count * 2;
   while (moves < max_moves && refusals < kMaxRefusals) {
-    const std::size_t top =
-        static_cast<std::size_t>(std::max_element(raise_rate.begin(), raise_rate.end()) - raise_rate.begin());
+    const std::size_t top = first_largest(raise_rate);
     if (top == count || !(raise_rate[top] > 0.0)) break;
     Band& band = bands[top];
     const Raise raise = best_raise(band, config);
@@ -169,34 +185,38 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
     // step down frees at least 8 bits, which bounds how many can be needed;
     // one pass finds that many cheapest, in order, lower index first on ties.
     lowered.clear();
-    taken[top] = 1;
     std::uint64_t freed = 0;
     double loss = 0.0;
     if (free_bits < raise.bits) {
       const std::size_t wanted = static_cast<std::size_t>((raise.bits - free_bits + 7) / 8);
+      // The band being raised is no victim: an infinite rate, like that of
+      // a silent band, never passes the bound. Once the list is full, the
+      // bound is its last entry, so most bands cost one comparison.
+      const double top_lower_rate = lower_rate[top];
+      lower_rate[top] = std::numeric_limits<double>::infinity();
       cheapest.clear();
+      double bound = std::numeric_limits<double>::infinity();
       for (std::size_t i = 0; i < count; ++i) {
-        if (taken[i] || lower_rate[i] == std::numeric_limits<double>::infinity()) continue;
-        if (cheapest.size() == wanted && !(lower_rate[i] < lower_rate[cheapest.back()])) continue;
+        const double rate = lower_rate[i];
+        if (!(rate < bound)) continue;
         auto at = cheapest.end();
-        while (at != cheapest.begin() && lower_rate[i] < lower_rate[*(at - 1)]) --at;
+        while (at != cheapest.begin() && rate < lower_rate[*(at - 1)]) --at;
         cheapest.insert(at, i);
         if (cheapest.size() > wanted) cheapest.pop_back();
+        if (cheapest.size() == wanted) bound = lower_rate[cheapest.back()];
       }
+      lower_rate[top] = top_lower_rate;
       for (std::size_t i : cheapest) {
         if (free_bits + freed >= raise.bits) break;
         Band& victim = bands[i];
         const unsigned a = victim.entry->abits;
         const unsigned to = lower_abits(a, config);
-        taken[i] = 1;
         lowered.push_back(i);
         freed += band_bit_cost(a) - band_bit_cost(to);
         loss += (measure(victim, to) - victim.entry->distortion) * victim.entry->weight;
       }
     }
-    taken[top] = 0;
     for (std::size_t i : lowered) {
-      taken[i] = 0;
       refresh(i);  // their step down is measured now, no longer modelled
     }
     if (free_bits + freed < raise.bits || !(loss < raise.gain * kExchangeMargin)) {
