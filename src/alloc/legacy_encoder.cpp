@@ -1,5 +1,6 @@
 #include "alloc/legacy_encoder.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "bitstream/bit_writer.h"
@@ -24,9 +25,11 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
   header.chist = 0;
   header.hflag = (state.adpcm.history_available && !state.adpcm.reset_pending) ? 1 : 0;
 
-  BitWriter scratch;
-  write_header(scratch, header);
-  const std::uint64_t header_bits = scratch.bit_count();
+  // The frame is written into this writer as it goes: the header now, for
+  // its size, and the payload once it is decided.
+  BitWriter writer(std::max<std::size_t>(frame_bytes, BitWriter::kDefaultCapacity));
+  write_header(writer, header);
+  const std::uint64_t header_bits = writer.bit_count();
   const std::uint64_t budget = static_cast<std::uint64_t>(frame_bytes & 0xFFFFu) * 8;
   const std::uint64_t reserved = config.allocation.reserved_bits;
   if (budget <= header_bits + reserved) {
@@ -40,10 +43,12 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
 
   const AdpcmRateResult rate =
       allocate_adpcm_rates(channels, plan, frame.payload, payload_budget, config.allocation, state.adpcm);
-  if (payload_bit_count(frame.payload) != rate.payload_bits) {
+  // Writing the payload counts it, with the checks a count would make.
+  write_payload(writer, frame.payload);
+  if (writer.bit_count() - header_bits != rate.payload_bits) {
     throw std::runtime_error("rate-optimized ADPCM payload accounting mismatch");
   }
-  write_frame(frame, frame_bytes, FrameKind::stereo);
+  finish_frame(frame, writer, frame_bytes, FrameKind::stereo);
   if (static_cast<std::uint64_t>(frame.payload_bits) + reserved > budget) {
     throw std::runtime_error("rate-optimized ADPCM frame exceeded reserved budget");
   }

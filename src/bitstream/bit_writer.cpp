@@ -1,5 +1,6 @@
 #include "bitstream/bit_writer.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -8,13 +9,9 @@ namespace tavrin {
 void BitWriter::throw_width() { throw std::invalid_argument("bit width > 32"); }
 void BitWriter::throw_fit() { throw std::invalid_argument("value does not fit bit width"); }
 
-void BitWriter::flush_word() {
-  pending_ -= 32;
-  const auto word = static_cast<std::uint32_t>(acc_ >> pending_);
-  const std::uint8_t out[4] = {static_cast<std::uint8_t>(word >> 24), static_cast<std::uint8_t>(word >> 16),
-                               static_cast<std::uint8_t>(word >> 8), static_cast<std::uint8_t>(word)};
-  bytes_.insert(bytes_.end(), out, out + 4);
-}
+// Room for `bytes` more: the reserved capacity first, then the vector's own
+// growth.
+void BitWriter::grow(std::size_t bytes) { bytes_.resize(std::max(bytes_.capacity(), used_ + bytes)); }
 
 // The partial byte that sync() appended is still held in the accumulator.
 void BitWriter::drop_tail() {
@@ -24,9 +21,11 @@ void BitWriter::drop_tail() {
 
 void BitWriter::sync() const {
   if (tail_in_bytes_) return;
+  bytes_.resize(used_);
   while (pending_ >= 8) {
     pending_ -= 8;
     bytes_.push_back(static_cast<std::uint8_t>(acc_ >> pending_));
+    ++used_;
   }
   if (pending_ > 0) {
     bytes_.push_back(static_cast<std::uint8_t>(acc_ << (8u - pending_)));
@@ -37,6 +36,7 @@ void BitWriter::sync() const {
 std::vector<std::uint8_t> BitWriter::take_bytes() {
   sync();
   std::vector<std::uint8_t> out = std::exchange(bytes_, {});
+  used_ = 0;
   acc_ = 0;
   pending_ = 0;
   tail_in_bytes_ = false;

@@ -3,7 +3,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "bitstream/bit_writer.h"
 
 namespace tavrin {
 
@@ -11,6 +10,10 @@ void write_frame(CoreFrame& frame, std::uint32_t target_bytes, FrameKind kind) {
   BitWriter w(target_bytes > BitWriter::kDefaultCapacity ? target_bytes : BitWriter::kDefaultCapacity);
   write_header(w, frame.header);
   write_payload(w, frame.payload);
+  finish_frame(frame, w, target_bytes, kind);
+}
+
+void finish_frame(CoreFrame& frame, BitWriter& w, std::uint32_t target_bytes, FrameKind kind) {
   const std::uint32_t bits = w.bit_count();
   frame.payload_bits = bits;
   w.align_to_byte();

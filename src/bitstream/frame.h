@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
 #include "bitstream/subframe.h"
 
@@ -24,5 +25,11 @@ enum class FrameKind { stereo, multichannel };
 // "5.1 DTS Core payload exceeds target frame" (multichannel) when the
 // written bits do not fit; `frame.bytes` is left untouched on failure.
 void write_frame(CoreFrame& frame, std::uint32_t target_bytes, FrameKind kind);
+
+// The second half of write_frame, for an encoder that wrote header and
+// payload into `w` itself (to check the payload's size on the way): records
+// the bit count, checks the fit with the same messages, and moves the
+// padded bytes into `frame.bytes`.
+void finish_frame(CoreFrame& frame, BitWriter& w, std::uint32_t target_bytes, FrameKind kind);
 
 }  // namespace tavrin

@@ -33,16 +33,17 @@ struct BitCounter {
     if (width < 32 && (value >> width) != 0) fail("value does not fit bit width");
     bits += width;
   }
+  void write_signed_run(const std::int32_t*, std::size_t count, unsigned width) { bits += count * width; }
 };
 
-// The fields of one NFE sample (abits already checked to be 8..26).
+// The fields of `count` NFE samples (abits already checked to be 8..26),
+// each the two's complement of the index truncated to ABITS - 3 bits.
 template <class Sink>
-void emit_nfe(Sink& w, std::int32_t index, unsigned abits) {
+void emit_nfe(Sink& w, const std::int32_t* index, std::size_t count, unsigned abits) {
   const std::int32_t half = std::int32_t{1} << (abits - 4);
-  if (index < -half || index >= half) fail("NFE quantization index out of signed range");
-  const unsigned width = abits - 3;
-  // Two's complement truncated to the field, computed on unsigned values.
-  w.write(static_cast<std::uint32_t>(index) & ((std::uint32_t{1} << width) - 1u), width);
+  for (std::size_t i = 0; i < count; ++i)
+    if (index[i] < -half || index[i] >= half) fail("NFE quantization index out of signed range");
+  w.write_signed_run(index, count, abits - 3);
 }
 
 template <class Sink>
@@ -102,7 +103,7 @@ void emit_audio(Sink& w, const Subframe& s, const PrimaryHeader& h, unsigned cha
       if (a == 0) continue;
       if (a < 8) fail("baseline payload supports direct NFE ABITS >= 8 only");
       if (a > 26) fail("NFE direct coding requires ABITS 8..26");
-      for (std::size_t i = 0; i < 8; ++i) emit_nfe(w, audio[b * 8 + i], a);
+      emit_nfe(w, audio + b * 8, 8, a);
     }
   }
 }
@@ -122,7 +123,7 @@ void emit_subframes(Sink& w, const FramePayload& p) {
 
 void write_nfe_sample(BitWriter& w, std::int32_t index, unsigned abits) {
   if (abits < 8 || abits > 26) fail("NFE direct coding requires ABITS 8..26");
-  emit_nfe(w, index, abits);
+  emit_nfe(w, &index, 1, abits);
 }
 
 void write_subframe_sync(BitWriter& w) { w.write(0xFFFFu, 16); }
