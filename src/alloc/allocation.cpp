@@ -7,6 +7,9 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "dsp/qmf_kernel.h"
+#include "dsp/quantizer_wide.h"
+
 namespace tavrin {
 
 namespace {
@@ -32,6 +35,7 @@ struct Step {
 
 struct Frame {
   std::size_t channels = 0;
+  bool wide = false;  // the AVX2 error sum may be used
   std::vector<double> samples;  // eight contiguous samples per flat band index
   std::vector<AllocationBand*> bands;
 };
@@ -75,7 +79,9 @@ bool evaluate_step_from(const Frame& frame, std::uint32_t index, const Allocatio
   // band.peak is the largest magnitude of x, so the samples need no rescan.
   const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next, abits == 0 ? kNoScaleHint : scale_hint);
   // index * quantum is the decoder's value.
-  const double dn = quantization_error<kSamplesPerBand>(x, q) / static_cast<double>(kSamplesPerBand);
+  const double error = frame.wide ? quantization_error8_avx2(x, q.quantum, q.abits)
+                                  : quantization_error<kSamplesPerBand>(x, q);
+  const double dn = error / static_cast<double>(kSamplesPerBand);
   const auto delta = static_cast<std::uint32_t>(band_bit_cost(next) - band_bit_cost(abits));
 
   step.distortion = dn;
@@ -332,6 +338,9 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
 
   Frame frame;
   frame.channels = nch;
+  // The error sum follows the process's choice of vector kernel; both forms
+  // give the same plan.
+  frame.wide = qmf_kernel().id == QmfKernelId::avx2;
   frame.samples.resize(kAllocationSubframes * nch * kAllocationBands * kSamplesPerBand);
   frame.bands.resize(kAllocationSubframes * nch * kAllocationBands);
 

@@ -11,6 +11,8 @@
 #include "bitstream/bit_writer.h"
 #include "bitstream/test_util.h"
 #include "dsp/quant_tables.h"
+#include "dsp/quantizer_wide.h"
+#include "platform/cpu_features.h"
 
 namespace tavrin {
 namespace {
@@ -111,6 +113,8 @@ TEST(Quantizer, ChoiceMatchesLinearScanOnEveryBoundary) {
 
 // Against libm: round half to even, clamp to the index range, NaN to 0.
 TEST(Quantizer, RoundingMatchesLibmEverywhere) {
+  // The AVX2 error sum must agree bit for bit wherever it can run.
+  const bool avx2 = cpu_has_avx2();
   std::mt19937_64 rng(7);
   std::uniform_real_distribution<double> unit(-1.2, 1.2);
   for (unsigned a = 8; a <= 26; ++a) {
@@ -136,6 +140,10 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
       }
       const double got = quantization_error<8>(x, q);
       ASSERT_TRUE(got == want || (std::isnan(got) && std::isnan(want))) << "abits " << a << " at " << i;
+      if (avx2) {
+        const double wide = quantization_error8_avx2(x, q.quantum, a);
+        ASSERT_TRUE(wide == want || (std::isnan(wide) && std::isnan(want))) << "avx2, abits " << a << " at " << i;
+      }
     }
   }
   // Samples whose product with the reciprocal of the quantum rounds the other
@@ -146,6 +154,9 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
   double want = 0.0;
   for (double v : near_ties) want += (v - quantize(v, q12) * q12.quantum) * (v - quantize(v, q12) * q12.quantum);
   EXPECT_EQ(quantization_error<8>(near_ties, q12), want);
+  if (avx2) {
+    EXPECT_EQ(quantization_error8_avx2(near_ties, q12.quantum, 12), want);
+  }
   const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
   EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
