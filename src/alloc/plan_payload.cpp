@@ -52,9 +52,11 @@ FramePayload payload_from_plan(const std::vector<const double*>& channels, const
         if (band.abits == 0) continue;
         sub.abits[c][b] = band.abits;
         sub.scale[c][b] = band.quantizer.scale_index;
-        for (unsigned k = 0; k < kSamplesPerSubframe; ++k) {
-          sub.audio[c][b * kSamplesPerSubframe + k] = quantize(block[k * kBands + b], band.quantizer);
-        }
+        double x[kSamplesPerSubframe], units[kSamplesPerSubframe];
+        for (unsigned k = 0; k < kSamplesPerSubframe; ++k) x[k] = block[k * kBands + b];
+        quantized_units_n<kSamplesPerSubframe>(x, band.quantizer, units);
+        for (unsigned k = 0; k < kSamplesPerSubframe; ++k)
+          sub.audio[c][b * kSamplesPerSubframe + k] = static_cast<std::int32_t>(units[k]);
       }
     }
   }

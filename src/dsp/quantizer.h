@@ -109,49 +109,55 @@ inline std::int32_t quantize(double x, const QuantizerChoice& choice) {
   return static_cast<std::int32_t>(quantized_units(x, choice.quantum, choice.abits));
 }
 
+// quantized_units for N samples at once (N even, abits 8..26): units[k] is
+// quantize(x[k], choice) as a double.
+template <std::size_t N>
+void quantized_units_n(const double* x, const QuantizerChoice& choice, double* units) {
+  static_assert(N % 2 == 0);
+  if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
+#if defined(__SSE2__)
+  // Two samples at a time. maxpd yields its second operand for a NaN, so a
+  // NaN sample comes out of the clamp as the lower bound; the ordered mask
+  // then turns it into 0.
+  //
+  // Dividing is slow, so x is first multiplied by 1 / quantum. That product
+  // is within about 1e-9 of the quotient over the index range, so it rounds
+  // to the same integer unless it lies within 1e-6 of a half; only then is
+  // the pair divided, and the result is always the quotient's.
+  const auto half = static_cast<double>(std::int32_t{1} << (choice.abits - 4));
+  const __m128d quantum = _mm_set1_pd(choice.quantum);
+  const __m128d inverse = _mm_set1_pd(1.0 / choice.quantum);
+  const __m128d lo = _mm_set1_pd(-half), hi = _mm_set1_pd(half - 1.0), shift = _mm_set1_pd(0x1.8p52);
+  const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
+  const __m128d near_half = _mm_set1_pd(0.5 - 1e-6);
+  for (std::size_t k = 0; k < N; k += 2) {
+    const __m128d v = _mm_loadu_pd(x + k);
+    __m128d r = _mm_mul_pd(v, inverse);
+    __m128d clamped = _mm_min_pd(_mm_max_pd(r, lo), hi);
+    __m128d rounded = _mm_sub_pd(_mm_add_pd(clamped, shift), shift);
+    const __m128d off = _mm_and_pd(_mm_sub_pd(clamped, rounded), magnitude);
+    if (_mm_movemask_pd(_mm_cmpgt_pd(off, near_half)) != 0) {
+      r = _mm_div_pd(v, quantum);
+      clamped = _mm_min_pd(_mm_max_pd(r, lo), hi);
+      rounded = _mm_sub_pd(_mm_add_pd(clamped, shift), shift);
+    }
+    _mm_storeu_pd(units + k, _mm_and_pd(_mm_cmpord_pd(r, r), rounded));
+  }
+#else
+  for (std::size_t k = 0; k < N; ++k) units[k] = quantized_units(x[k], choice.quantum, choice.abits);
+#endif
+}
+
 // Sum over N samples (N even) of (x - quantize(x) * quantum)^2, added in
 // order.
 template <std::size_t N>
 double quantization_error(const double* x, const QuantizerChoice& choice) {
-  static_assert(N % 2 == 0);
   double d[N];
   if (choice.abits == 0) {
     for (std::size_t k = 0; k < N; ++k) d[k] = x[k];
   } else {
-    if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
-#if defined(__SSE2__)
-    // quantized_units two samples at a time. maxpd yields its second
-    // operand for a NaN, so a NaN sample comes out of the clamp as the
-    // lower bound; the ordered mask then turns it into 0.
-    //
-    // Dividing is slow, so x is first multiplied by 1 / quantum. That
-    // product is within about 1e-9 of the quotient over the index range, so
-    // it rounds to the same integer unless it lies within 1e-6 of a half;
-    // only then is the pair divided, and the result is always the
-    // quotient's.
-    const auto half = static_cast<double>(std::int32_t{1} << (choice.abits - 4));
-    const __m128d quantum = _mm_set1_pd(choice.quantum);
-    const __m128d inverse = _mm_set1_pd(1.0 / choice.quantum);
-    const __m128d lo = _mm_set1_pd(-half), hi = _mm_set1_pd(half - 1.0), shift = _mm_set1_pd(0x1.8p52);
-    const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
-    const __m128d near_half = _mm_set1_pd(0.5 - 1e-6);
-    for (std::size_t k = 0; k < N; k += 2) {
-      const __m128d v = _mm_loadu_pd(x + k);
-      __m128d r = _mm_mul_pd(v, inverse);
-      __m128d clamped = _mm_min_pd(_mm_max_pd(r, lo), hi);
-      __m128d units = _mm_sub_pd(_mm_add_pd(clamped, shift), shift);
-      const __m128d off = _mm_and_pd(_mm_sub_pd(clamped, units), magnitude);
-      if (_mm_movemask_pd(_mm_cmpgt_pd(off, near_half)) != 0) {
-        r = _mm_div_pd(v, quantum);
-        clamped = _mm_min_pd(_mm_max_pd(r, lo), hi);
-        units = _mm_sub_pd(_mm_add_pd(clamped, shift), shift);
-      }
-      const __m128d rounded = _mm_and_pd(_mm_cmpord_pd(r, r), units);
-      _mm_storeu_pd(d + k, _mm_sub_pd(v, _mm_mul_pd(rounded, quantum)));
-    }
-#else
-    for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - quantized_units(x[k], choice.quantum, choice.abits) * choice.quantum;
-#endif
+    quantized_units_n<N>(x, choice, d);
+    for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - d[k] * choice.quantum;
   }
   double sum = 0.0;
   for (std::size_t k = 0; k < N; ++k) sum += d[k] * d[k];
