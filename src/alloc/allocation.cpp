@@ -63,12 +63,12 @@ void validate(std::size_t channels, const AllocationConfig& cfg, const PsychoAna
   }
 }
 
-// Evaluates raising band `index` by one step from the state (abits,
-// scale_hint, distortion), which need not be the band's current one. Fills
-// `step` and returns whether such a step exists.
-bool evaluate_step_from(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
-                        unsigned abits, unsigned scale_hint, double distortion, Step& step) {
+// Evaluates raising band `index` by one step. Fills `step` and returns
+// whether such a step exists.
+bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
+                   Step& step) {
   const AllocationBand& band = *frame.bands[index];
+  const unsigned abits = band.abits;
   step.valid = false;
   step.band = index;
   if (!(band.rms > threshold) || !(band.peak > 1e-18)) return false;
@@ -76,8 +76,10 @@ bool evaluate_step_from(const Frame& frame, std::uint32_t index, const Allocatio
   if (next > cfg.abits_max) return false;
 
   const double* x = &frame.samples[static_cast<std::size_t>(index) * kSamplesPerBand];
-  // band.peak is the largest magnitude of x, so the samples need no rescan.
-  const QuantizerChoice q = baseline_quantizer_for_peak(band.peak, next, next, abits == 0 ? kNoScaleHint : scale_hint);
+  // band.peak is the largest magnitude of x, so the samples need no rescan;
+  // the scale at the current ABITS is a close hint for the next.
+  const QuantizerChoice q =
+      baseline_quantizer_for_peak(band.peak, next, next, abits == 0 ? kNoScaleHint : band.quantizer.scale_index);
   // index * quantum is the decoder's value.
   const double error = frame.wide ? quantization_error8_avx2(x, q.quantum, q.abits)
                                   : quantization_error<kSamplesPerBand>(x, q);
@@ -90,19 +92,12 @@ bool evaluate_step_from(const Frame& frame, std::uint32_t index, const Allocatio
   step.abits = static_cast<std::uint8_t>(next);
   // The tiny energy term keeps a step worth taking when it removes no
   // measurable error, so spare bits still go to audible bands.
-  const double gain = (band.rms * band.rms * 1e-15 + std::max(0.0, distortion - dn)) * band.weight;
+  const double gain = (band.rms * band.rms * 1e-15 + std::max(0.0, band.distortion - dn)) * band.weight;
   // Dividing by 8 and multiplying by 1/8 round alike; every step but the
   // first costs 8 bits, and the multiplication is much the shorter.
   step.gain_unit = delta == 8 ? gain * 0.125 : gain / static_cast<double>(delta);
   step.valid = true;
   return true;
-}
-
-bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
-                   Step& step) {
-  const AllocationBand& band = *frame.bands[index];
-  return evaluate_step_from(frame, index, cfg, threshold, band.abits, band.quantizer.scale_index, band.distortion,
-                            step);
 }
 
 void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
@@ -175,11 +170,6 @@ void tournament_search(const Frame& frame, std::uint64_t budget, const Allocatio
     if (evaluate_step(frame, i, cfg, threshold, pending[i])) keys[i] = LoserTree::key_of(pending[i].gain_unit);
   LoserTree t;
   t.build(keys);
-  // Once a band has won, the step after its pending one is kept evaluated
-  // too: the winner's new key is then ready at once, and the evaluation that
-  // refills the look-ahead overlaps the replay instead of delaying it.
-  std::vector<Step> ahead(count);
-  std::vector<char> has_ahead(count, 0);
   // No step costs less than 8 bits, so once fewer remain every band left
   // could only be dropped: the plan is final.
   while (budget - total >= 8) {
@@ -189,17 +179,7 @@ void tournament_search(const Frame& frame, std::uint64_t budget, const Allocatio
     std::uint64_t key = 0;
     if (total + step.delta <= budget) {
       apply_step(frame, step, total);
-      if (has_ahead[top.band] != 0) {
-        step = ahead[top.band];
-      } else {
-        evaluate_step(frame, top.band, cfg, threshold, step);
-      }
-      if (step.valid) {
-        key = LoserTree::key_of(step.gain_unit);
-        evaluate_step_from(frame, top.band, cfg, threshold, step.abits, step.quantizer.scale_index, step.distortion,
-                           ahead[top.band]);
-        has_ahead[top.band] = 1;
-      }
+      if (evaluate_step(frame, top.band, cfg, threshold, step)) key = LoserTree::key_of(step.gain_unit);
     }  // else: this band grows no further
     t.replay(key);
   }
