@@ -19,7 +19,7 @@ namespace tavrin {
 
 namespace {
 
-constexpr std::size_t kInputBufferBytes = std::size_t{1} << 18;
+constexpr std::size_t kStreamBufferBytes = std::size_t{1} << 18;
 
 // The extension alone decides; contents are never sniffed.
 bool is_flac_name(const std::string& path) {
@@ -121,7 +121,12 @@ int encode(int argc, char** argv) {
   ProgressState progress;
   progress.suppressed = options.quiet;
 
-  std::ofstream out(output_path, std::ios::binary | std::ios::trunc);
+  // Frames are collected in a large buffer and reach the file a few hundred
+  // kilobytes at a time (see write_frame_bytes).
+  std::vector<char> out_buffer(kStreamBufferBytes);
+  std::ofstream out;
+  out.rdbuf()->pubsetbuf(out_buffer.data(), static_cast<std::streamsize>(out_buffer.size()));
+  out.open(output_path, std::ios::binary | std::ios::trunc);
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
   if (is_flac_name(input_path)) {
@@ -129,7 +134,7 @@ int encode(int argc, char** argv) {
   } else {
     // A frame is only a few kilobytes of PCM; a larger buffer saves a
     // system call per frame.
-    std::vector<char> in_buffer(kInputBufferBytes);
+    std::vector<char> in_buffer(kStreamBufferBytes);
     std::ifstream in;
     in.rdbuf()->pubsetbuf(in_buffer.data(), static_cast<std::streamsize>(in_buffer.size()));
     in.open(input_path, std::ios::binary);

@@ -47,6 +47,19 @@ void refuse_unavailable_paths(const EncoderOptions& options) {
   }
 }
 
+// libstdc++ hands every write of 1 KB or more straight to the system, past
+// the stream's buffer. A frame is written in smaller pieces so that frames
+// collect in the buffer and reach the file in large blocks; on failure the
+// frames written before stay in the stream and are flushed when it closes.
+void write_frame_bytes(std::ostream& out, const std::vector<std::uint8_t>& bytes) {
+  constexpr std::size_t kPiece = 1000;
+  for (std::size_t at = 0; at < bytes.size(); at += kPiece) {
+    const std::size_t n = std::min(kPiece, bytes.size() - at);
+    out.write(reinterpret_cast<const char*>(bytes.data() + at), static_cast<std::streamsize>(n));
+  }
+  if (!out) throw std::runtime_error("failed writing DTS output");
+}
+
 std::string fixed2(double value) {
   char text[64];
   std::snprintf(text, sizeof text, "%.2f", value);
@@ -82,8 +95,7 @@ StereoSummary run_frames(std::ostream& out, std::uint32_t sample_rate, std::uint
     const DispatchedFrame made =
         dispatch_stereo_frame(channels, kStereoAmode, stream, frame_bytes, config, state, options.productionCandidate);
     const auto& bytes = made.frame.bytes;
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    if (!out) throw std::runtime_error("failed writing DTS output");
+    write_frame_bytes(out, bytes);
     summary.total_bytes += bytes.size();
     ++summary.frames;
     if (made.kind == FrameEncoderKind::span24) {
