@@ -150,7 +150,9 @@ PsychoAnalysis analyse_psycho(const std::vector<const double*>& channels, Psycho
   for (std::size_t s = 0; s < kPsychoSubframes; ++s) {
     // The correlation of a pair of channels is the same seen from either
     // side, so each pair is measured once: correlation[(c * 5 + o) * 32 + b].
-    std::array<double, 5 * 5 * kPsychoBands> correlation{};
+    // Only pairs of distinct channels are ever read, and those are all
+    // written below, so the array is left uninitialised.
+    std::array<double, 5 * 5 * kPsychoBands> correlation;
     for (std::size_t c = 0; c < nch; ++c) {
       for (std::size_t o = c + 1; o < nch; ++o) {
         for (std::size_t b = 0; b < kPsychoBands; ++b) {

@@ -162,7 +162,7 @@ void encode_stereo_stream(std::istream& in, std::ostream& out, const PcmSourceIn
     const auto wanted = static_cast<std::streamsize>(count * frame_size);
     in.read(reinterpret_cast<char*>(bytes.data()), wanted);
     if (in.gcount() != wanted) throw std::runtime_error("unexpected end of PCM input");
-    pcm = deinterleave_to_layout(bytes.data(), count, info.format, info.layout, info.source_order);
+    deinterleave_into(bytes.data(), count, info.format, info.layout, info.source_order, pcm);
     if (pcm.size() != 2 || pcm[0].size() != count || pcm[1].size() != count) {
       throw std::runtime_error("internal stereo PCM mapping failure");
     }

@@ -159,13 +159,22 @@ std::vector<SpeakerId> source_order_from_mask(std::uint32_t mask) {
 std::vector<std::vector<double>> deinterleave_to_layout(const std::uint8_t* bytes, std::size_t frames,
                                                         SampleFormat format, const ChannelLayout& layout,
                                                         const std::vector<SpeakerId>& source_order) {
+  std::vector<std::vector<double>> out;
+  deinterleave_into(bytes, frames, format, layout, source_order, out);
+  return out;
+}
+
+void deinterleave_into(const std::uint8_t* bytes, std::size_t frames, SampleFormat format,
+                       const ChannelLayout& layout, const std::vector<SpeakerId>& source_order,
+                       std::vector<std::vector<double>>& out) {
   if (bytes == nullptr && frames > 0) throw std::invalid_argument("null PCM data");
   const std::size_t bytes_per = bytes_per_sample(format);
   if (bytes_per == 0) throw std::invalid_argument("unknown PCM sample format");
   if (source_order.size() != layout.channel_count) throw std::runtime_error("PCM source order/layout mismatch");
 
-  std::vector<std::vector<double>> out(layout.channel_count, std::vector<double>(frames, 0.0));
-  if (frames == 0) return out;
+  out.resize(layout.channel_count);
+  for (auto& channel : out) channel.assign(frames, 0.0);
+  if (frames == 0) return;
 
   // Resolve each source channel's coding slot once instead of per sample.
   const std::size_t searchable = std::min<std::size_t>(layout.channel_count, layout.speakers.size());
@@ -183,7 +192,6 @@ std::vector<std::vector<double>> deinterleave_to_layout(const std::uint8_t* byte
     case SampleFormat::s32le: scatter(bytes, frames, bytes_per, slots, out, convert_s32); break;
     case SampleFormat::f32le: scatter(bytes, frames, bytes_per, slots, out, convert_f32); break;
   }
-  return out;
 }
 
 }  // namespace tavrin

@@ -40,5 +40,10 @@ std::vector<SpeakerId> source_order_from_mask(std::uint32_t mask);
 std::vector<std::vector<double>> deinterleave_to_layout(const std::uint8_t* bytes, std::size_t frames,
                                                         SampleFormat format, const ChannelLayout& layout,
                                                         const std::vector<SpeakerId>& source_order);
+// The same into `out`, reusing its vectors' storage: the streaming drivers
+// convert every frame into the same buffers.
+void deinterleave_into(const std::uint8_t* bytes, std::size_t frames, SampleFormat format,
+                       const ChannelLayout& layout, const std::vector<SpeakerId>& source_order,
+                       std::vector<std::vector<double>>& out);
 
 }  // namespace tavrin
