@@ -29,7 +29,7 @@ constexpr unsigned kMaxRefusals = 4;
 // entries named in `known` are ever read.
 struct Band {
   AllocationBand* entry;
-  std::array<double, kSamples> x;
+  const double* x;  // sample k at x[k * kBands]
   std::array<double, kMaxAbits + 1> distortion;
   std::uint32_t known;  // bit a set: distortion[a] is measured
   bool eligible;
@@ -41,37 +41,62 @@ double measure(Band& band, unsigned abits) {
   if (band.known & (1u << abits)) return d;
   band.known |= 1u << abits;
   const QuantizerChoice q = baseline_quantizer_for_peak(band.entry->peak, abits, abits, band.entry->quantizer.scale_index);
-  d = quantization_error<kSamples>(band.x.data(), q) / static_cast<double>(kSamples);
+  // Few bands are ever measured, so their samples are gathered only here.
+  double x[kSamples];
+  for (std::size_t k = 0; k < kSamples; ++k) x[k] = band.x[k * kBands];
+  d = quantization_error<kSamples>(x, q) / static_cast<double>(kSamples);
   return d;
 }
 
-// Expected error one step away, from the error now: the error of a uniform
-// quantizer goes with the square of its step. Used only to rank bands; every
-// move is priced with measured errors before it is made.
-double modelled_distortion(const Band& band, unsigned from, unsigned to) {
+// step_size(a + 1) / step_size(a) and step_size(a - 1) / step_size(a),
+// worked out once per frame rather than per band.
+struct StepRatios {
+  std::array<double, kMaxAbits + 1> up{}, down{};
+};
+
+StepRatios step_ratios() {
+  StepRatios r;
+  for (unsigned a = 1; a <= kMaxAbits; ++a) {
+    if (a < kMaxAbits) r.up[a] = step_size(a + 1) / step_size(a);
+    r.down[a] = step_size(a - 1) / step_size(a);
+  }
+  return r;
+}
+
+// Expected error one step away (to = from +- 1), from the error now: the
+// error of a uniform quantizer goes with the square of its step. Used only
+// to rank bands; every move is priced with measured errors before it is
+// made.
+double modelled_distortion(const Band& band, unsigned from, unsigned to, const StepRatios& ratios) {
   if (band.known & (1u << to)) return band.distortion[to];
-  const double ratio = step_size(to) / step_size(from);
+  const double ratio = to > from ? ratios.up[from] : ratios.down[from];
   return band.entry->distortion * ratio * ratio;
+}
+
+// Division by a step's bit cost; most steps cost 8 bits, and multiplying
+// by 1/8 gives the same result much sooner.
+double per_bit(double value, std::uint64_t bits) {
+  return bits == 8 ? value * 0.125 : value / static_cast<double>(bits);
 }
 
 unsigned next_abits(unsigned a, const AllocationConfig& config) { return a == 0 ? config.abits_min : a + 1; }
 unsigned lower_abits(unsigned a, const AllocationConfig& config) { return a == config.abits_min ? 0 : a - 1; }
 
 // Weighted error bought per bit by the next step, as modelled.
-double modelled_raise_rate(const Band& band, const AllocationConfig& config) {
+double modelled_raise_rate(const Band& band, const AllocationConfig& config, const StepRatios& ratios) {
   const unsigned a = band.entry->abits;
   if (!band.eligible || band.blocked || a >= config.abits_max) return 0.0;
   const unsigned to = next_abits(a, config);
-  const double after = a == 0 ? 0.0 : modelled_distortion(band, a, to);
-  return (band.entry->distortion - after) * band.entry->weight / static_cast<double>(band_bit_cost(to) - band_bit_cost(a));
+  const double after = a == 0 ? 0.0 : modelled_distortion(band, a, to, ratios);
+  return per_bit((band.entry->distortion - after) * band.entry->weight, band_bit_cost(to) - band_bit_cost(a));
 }
 
 // Weighted error lost per bit freed by the step down, as modelled.
-double modelled_lower_rate(const Band& band, const AllocationConfig& config) {
+double modelled_lower_rate(const Band& band, const AllocationConfig& config, const StepRatios& ratios) {
   const unsigned a = band.entry->abits;
   const unsigned to = lower_abits(a, config);
-  return (modelled_distortion(band, a, to) - band.entry->distortion) * band.entry->weight /
-         static_cast<double>(band_bit_cost(a) - band_bit_cost(to));
+  return per_bit((modelled_distortion(band, a, to, ratios) - band.entry->distortion) * band.entry->weight,
+                 band_bit_cost(a) - band_bit_cost(to));
 }
 
 struct Raise {
@@ -143,7 +168,7 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
       for (std::size_t b = 0; b < kBands; ++b) {
         Band& band = bands[index++];
         band.entry = &plan.subframes[s][c][b];
-        for (std::size_t k = 0; k < kSamples; ++k) band.x[k] = block[k * kBands + b];
+        band.x = block + b;
         band.distortion[0] = band.entry->rms * band.entry->rms;
         band.distortion[band.entry->abits] = band.entry->distortion;
         band.known = 1u | (1u << band.entry->abits);
@@ -155,10 +180,11 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
   // Modelled rates are kept per band and refreshed only where a move
   // changed something, so each round is two plain scans.
   std::vector<double> raise_rate(count), lower_rate(count);
+  const StepRatios ratios = step_ratios();
   auto refresh = [&](std::size_t i) {
-    raise_rate[i] = modelled_raise_rate(bands[i], config);
+    raise_rate[i] = modelled_raise_rate(bands[i], config, ratios);
     lower_rate[i] = bands[i].entry->abits == 0 ? std::numeric_limits<double>::infinity()
-                                               : modelled_lower_rate(bands[i], config);
+                                               : modelled_lower_rate(bands[i], config, ratios);
   };
   for (std::size_t i = 0; i < count; ++i) refresh(i);
 
