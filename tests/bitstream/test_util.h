@@ -1,6 +1,5 @@
 #pragma once
-// Reading back what the writers produced, catching their messages, and a
-// primary header to build on.
+// Shared by the bitstream and dsp tests.
 #include <cstdint>
 #include <functional>
 #include <stdexcept>
@@ -11,7 +10,7 @@
 
 namespace tavrin::test {
 
-// MSB-first reader over a byte sequence, the mirror of BitWriter.
+// MSB-first, the mirror of BitWriter.
 struct BitReader {
   const std::vector<std::uint8_t>& bytes;
   std::size_t pos = 0;
@@ -29,13 +28,9 @@ struct BitReader {
     for (unsigned w : widths) out.push_back(read(w));
     return out;
   }
-  std::int32_t read_signed(unsigned width) {
-    const std::int64_t v = read(width), half = std::int64_t{1} << (width - 1);
-    return static_cast<std::int32_t>(v >= half ? v - 2 * half : v);
-  }
 };
 
-// Message of the exception of type E that f throws, or a marker if none.
+// Message of the E that f throws, or a marker if none.
 template <typename E = std::invalid_argument>
 std::string message_of(const std::function<void()>& f) {
   try {
@@ -51,17 +46,10 @@ std::string message_of(const std::function<void()>& f) {
 // Linear codes, no joint intensity, the encoder's selectors, THUFF = channel.
 inline PrimaryHeader primary_header(unsigned channels, std::uint8_t subs, std::uint8_t vqsub, std::uint8_t bhuff,
                                     std::uint8_t shuff, std::uint8_t subfs = 1) {
-  PrimaryHeader h;
-  h.subfs = subfs;
-  for (unsigned c = 0; c < channels; ++c) {
-    h.subs.push_back(subs);
-    h.vqsub.push_back(vqsub);
-    h.joinx.push_back(0);
-    h.thuff.push_back(static_cast<std::uint8_t>(c % 4));
-    h.shuff.push_back(shuff);
-    h.bhuff.push_back(bhuff);
-    h.sel.push_back({1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
-  }
+  using V = std::vector<std::uint8_t>;
+  PrimaryHeader h{subfs, V(channels, subs), V(channels, vqsub), V(channels, 0), {}, V(channels, shuff),
+                  V(channels, bhuff), std::vector<V>(channels, V{1, 3, 3, 3, 3, 7, 7, 7, 7, 7})};
+  for (unsigned c = 0; c < channels; ++c) h.thuff.push_back(static_cast<std::uint8_t>(c % 4));
   return h;
 }
 
