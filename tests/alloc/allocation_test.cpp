@@ -3,22 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "alloc/plan_payload.h"
 #include "support/blocks.h"
 
 namespace tavrin {
 namespace {
 
 using Block = std::vector<double>;
-
-using test::views;
 
 // Noise falling off with band, in the analysis bank's units; `gain` per channel.
 std::vector<Block> noise_frame(const std::vector<double>& gain, std::uint32_t seed) {
@@ -30,6 +27,11 @@ std::vector<Block> noise_frame(const std::vector<double>& gain, std::uint32_t se
                      ((seed >> 8) / 16777216.0 - 0.5);
     }
   return blocks;
+}
+
+AllocationPlan run(const std::vector<Block>& blocks, std::uint64_t budget, const AllocationConfig& cfg = {},
+                   bool scan = false, const PsychoAnalysis* psycho = nullptr) {
+  return allocate_with_scan(test::views(blocks), budget, cfg, psycho, scan);
 }
 
 std::uint64_t side_bits(std::size_t channels) { return 91 + 813 * channels; }
@@ -50,11 +52,10 @@ PsychoAnalysis shaped(std::size_t subframes, std::size_t channels, double weight
   return {std::vector<std::vector<PsychoBandRecord>>(subframes, std::vector<PsychoBandRecord>(channels * 32, record))};
 }
 
-template <typename E>
 std::string failure(const std::function<void()>& call) {
   try {
     call();
-  } catch (const E& e) {
+  } catch (const std::exception& e) {
     return e.what();
   }
   return "no failure";
@@ -64,7 +65,6 @@ TEST(Allocation, RejectsBadInputWithExactMessages) {
   const PsychoAnalysis good = shaped(4, 2), three_subframes = shaped(3, 2), mono = shaped(4, 1);
   const std::string range = "adaptive ABITS range must be 8..26";
   const std::vector<std::tuple<std::size_t, AllocationConfig, const PsychoAnalysis*, std::string>> cases = {
-      {0, {}, nullptr, "adaptive allocation requires 1..5 channels"},
       {6, {}, nullptr, "adaptive allocation requires 1..5 channels"},
       {2, {.abits_min = 7}, nullptr, range},
       {2, {.abits_max = 27}, nullptr, range},
@@ -74,56 +74,42 @@ TEST(Allocation, RejectsBadInputWithExactMessages) {
       {2, {.channel_fairness = 2.01}, nullptr, "invalid channel fairness strength"},
       {2, {}, &three_subframes, "psycho override must contain 4 subframes"},
       {2, {}, &mono, "psycho override channel count mismatch"},
-      // The allocator's own psycho configuration is checked even with an override.
+      // The allocator's own model configuration is checked even with an override.
       {2, {.psycho = {.ath_floor = 0}}, &good, "invalid psycho ATH floor"},
   };
-  for (const auto& [channels, config, psycho, message] : cases) {
-    const std::vector<Block> blocks(channels, Block(1024, 1.0));
-    EXPECT_EQ(failure<std::invalid_argument>([&] { allocate_with_scan(views(blocks), 100000, config, psycho, false); }),
+  for (const auto& [channels, config, psycho, message] : cases)
+    EXPECT_EQ(failure([&] { run(std::vector<Block>(channels, Block(1024, 1.0)), 100000, config, false, psycho); }),
               message);
-  }
+  EXPECT_EQ(failure([] { run(noise_frame({1.0}, 7), side_bits(1) - 1); }),
+            "target payload budget is smaller than DTS side information");
 }
 
-TEST(Allocation, SideInformationBoundsTheBudget) {
-  for (std::size_t channels : {1u, 2u, 5u}) {
-    const std::vector<Block> blocks = noise_frame(std::vector<double>(channels, 1.0), 7);
-    EXPECT_EQ(failure<std::runtime_error>(
-                  [&] { allocate_with_scan(views(blocks), side_bits(channels) - 1, {}, nullptr, false); }),
-              "target payload budget is smaller than DTS side information");
-    // Digital silence with ample budget spends nothing beyond side information.
-    for (bool scan : {false, true}) {
-      const std::vector<Block> silent(channels, Block(1024, 0.0));
-      const AllocationPlan plan = allocate_with_scan(views(silent), 50000, {}, nullptr, scan);
-      EXPECT_EQ(plan.total_bits, side_bits(channels));
-      EXPECT_EQ(coded_bits(plan), 0u);
-      EXPECT_EQ(plan.perceptual_error, 0.0);
-    }
-  }
-}
-
-TEST(Allocation, CountsAndShapeChecks) {
+// Every consumer of a plan refuses one of the wrong shape.
+TEST(Allocation, PlanShapeChecks) {
   AllocationPlan plan;
   plan.subframes.assign(4, std::vector<std::vector<AllocationBand>>(2, std::vector<AllocationBand>(32)));
-  plan.subframes[1][0][3].abits = 8;    // 46 bits
-  plan.subframes[3][1][31].abits = 26;  // 190 bits
-  EXPECT_EQ(count_allocation_bits(plan, 2), 1717u + 46u + 190u);
-
-  const std::vector<std::tuple<std::function<void(AllocationPlan&)>, std::string, std::string>> cases = {
-      {[](auto& p) { p.subframes.pop_back(); }, "allocation subframe count mismatch", "psycho/MSE subframe mismatch"},
-      {[](auto& p) { p.subframes[2].pop_back(); }, "allocation channel count mismatch", "psycho/MSE channel mismatch"},
-      {[](auto& p) { p.subframes[3][1].resize(31); }, "allocation band count mismatch", "psycho/MSE band mismatch"},
+  const std::vector<Block> two(2, Block(1024));
+  EXPECT_EQ(failure([&] { payload_from_plan({}, plan); }), "DTS adaptive payload requires 1..5 channels");
+  const std::vector<std::tuple<std::function<void(AllocationPlan&)>, std::string, std::string, std::string>> cases = {
+      {[](auto& p) { p.subframes.pop_back(); }, "allocation subframe count mismatch", "psycho/MSE subframe mismatch",
+       "Phase-7 adaptive payload requires four subframes"},
+      {[](auto& p) { p.subframes[2].pop_back(); }, "allocation channel count mismatch", "psycho/MSE channel mismatch",
+       "adaptive allocation channel mismatch"},
+      {[](auto& p) { p.subframes[3][1].resize(31); }, "allocation band count mismatch", "psycho/MSE band mismatch",
+       "adaptive allocation band mismatch"},
   };
-  for (const auto& [damage, count_message, error_message] : cases) {
+  for (const auto& [damage, count_message, error_message, payload_message] : cases) {
     AllocationPlan damaged = plan;
     damage(damaged);
-    EXPECT_EQ(failure<std::runtime_error>([&] { count_allocation_bits(damaged, 2); }), count_message);
-    EXPECT_EQ(failure<std::runtime_error>([&] { perceptual_error(shaped(4, 2), damaged); }), error_message);
+    EXPECT_EQ(failure([&] { count_allocation_bits(damaged, 2); }), count_message);
+    EXPECT_EQ(failure([&] { perceptual_error(shaped(4, 2), damaged); }), error_message);
+    EXPECT_EQ(failure([&] { payload_from_plan(test::views(two), damaged); }), payload_message);
   }
 }
 
 // Over a sweep of budgets: heap and scan pick the same bands, the budget is
-// spent but never exceeded, the total recounts, and the weighted error never
-// grows with the budget.
+// spent but never exceeded, the weighted error never grows with it, and the
+// bits counted are the bits the payload writer emits.
 TEST(Allocation, HeapAndScanAgreeAndSpendTheBudget) {
   // Channel gains, psycho weighting, first and last budget.
   const std::vector<std::tuple<std::vector<double>, std::uint32_t, std::uint64_t, std::uint64_t>> cases = {
@@ -135,16 +121,14 @@ TEST(Allocation, HeapAndScanAgreeAndSpendTheBudget) {
   };
   for (const auto& [gains, weighting, first, last] : cases) {
     const std::vector<Block> blocks = noise_frame(gains, static_cast<std::uint32_t>(last));
-    const AllocationConfig cfg{.psycho_weighting = weighting};
     double previous = INFINITY;
     for (std::uint64_t budget = first; budget <= last; budget += 1100) {
-      const AllocationPlan heap = allocate_with_scan(views(blocks), budget, cfg, nullptr, false);
-      const AllocationPlan scan = allocate_with_scan(views(blocks), budget, cfg, nullptr, true);
+      const AllocationPlan heap = run(blocks, budget, {.psycho_weighting = weighting});
+      const AllocationPlan scan = run(blocks, budget, {.psycho_weighting = weighting}, true);
       EXPECT_LE(heap.total_bits, budget);
       EXPECT_GT(heap.total_bits + 8, budget) << "budget left unspent";
       EXPECT_EQ(heap.total_bits, side_bits(gains.size()) + coded_bits(heap));
-      EXPECT_EQ(scan.total_bits, heap.total_bits);
-      EXPECT_DOUBLE_EQ(scan.perceptual_error, heap.perceptual_error);
+      EXPECT_EQ(payload_bit_count(payload_from_plan(test::views(blocks), heap)), heap.total_bits);
       EXPECT_LE(heap.perceptual_error, previous) << budget;
       previous = heap.perceptual_error;
       for (int s = 0; s < 4; ++s)
@@ -155,10 +139,11 @@ TEST(Allocation, HeapAndScanAgreeAndSpendTheBudget) {
   }
 }
 
-TEST(Allocation, StepRulesAndSilenceThreshold) {
+TEST(Allocation, SilenceThresholdAndStepRules) {
+  for (bool scan : {false, true})
+    EXPECT_EQ(run(std::vector<Block>(5, Block(1024, 0.0)), 50000, {}, scan).total_bits, side_bits(5));
   // ABITS min = max: one 78-bit step (ABITS 12) per band, then nothing.
-  const AllocationConfig one{.abits_min = 12, .abits_max = 12};
-  EXPECT_EQ(allocate_with_scan(views(noise_frame({1.0}, 3)), 1000000, one, nullptr, false).total_bits,
+  EXPECT_EQ(run(noise_frame({1.0}, 3), 1000000, {.abits_min = 12, .abits_max = 12}).total_bits,
             side_bits(1) + 128 * 78);
 
   // Eligibility is rms strictly above the threshold (here 2 * 0.5).
@@ -167,7 +152,7 @@ TEST(Allocation, StepRulesAndSilenceThreshold) {
   for (std::size_t b = 0; b < bands.size(); ++b)
     for (int k = 0; k < 8; ++k) blocks[0][256 + k * 32 + 2 + 3 * b] = k % 2 ? bands[b].first : -bands[b].first;
   for (bool scan : {false, true}) {
-    const auto plan = allocate_with_scan(views(blocks), 100000, {.relative_silence_floor = 0.5}, nullptr, scan);
+    const auto plan = run(blocks, 100000, {.relative_silence_floor = 0.5}, scan);
     for (std::size_t b = 0; b < bands.size(); ++b) EXPECT_EQ(plan.subframes[1][0][2 + 3 * b].abits, bands[b].second);
   }
 }
@@ -176,10 +161,9 @@ TEST(Allocation, WeightsComeFromThePsychoOverrideOrTheHighBandRamp) {
   const std::vector<Block> blocks = noise_frame({1.0, 1.0}, 5);
   PsychoAnalysis psycho = shaped(4, 2, 1e-9);
   psycho.subframes[2][32 + 6].weight = 1e12;
-  const std::uint64_t budget = 1717 + 46 + 18 * 8;  // room for the favoured band's 19 steps
-  const AllocationConfig weighted{.psycho_weighting = 1};
-  EXPECT_EQ(allocate_with_scan(views(blocks), budget, weighted, &psycho, false).subframes[2][1][6].abits, 26);
-  const AllocationPlan ramp = allocate_with_scan(views(blocks), budget, {}, &psycho, false);
+  const std::uint64_t budget = side_bits(2) + 46 + 18 * 8;  // room for the favoured band's 19 steps
+  EXPECT_EQ(run(blocks, budget, {.psycho_weighting = 1}, false, &psycho).subframes[2][1][6].abits, 26);
+  const AllocationPlan ramp = run(blocks, budget, {}, false, &psycho);
   EXPECT_LT(ramp.subframes[2][1][6].abits, 26);
   EXPECT_EQ(ramp.subframes[2][1][20].weight, 1.0);
   EXPECT_EQ(ramp.subframes[2][1][31].weight, 0.65);
@@ -189,9 +173,7 @@ TEST(Allocation, FairnessFavoursTheLaggingChannel) {
   const std::vector<Block> blocks = noise_frame({1.0, 0.05}, 21);
   std::uint64_t previous = 0;
   for (double strength : {0.0, 1.0, 2.0}) {
-    const AllocationPlan plan =
-        allocate_with_scan(views(blocks), 6000, {.channel_fairness = strength}, nullptr, false);
-    EXPECT_EQ(plan.total_bits, count_allocation_bits(plan, 2));
+    const AllocationPlan plan = run(blocks, 6000, {.channel_fairness = strength});
     EXPECT_TRUE(strength == 0.0 || coded_bits(plan, 1) > previous) << strength;
     previous = coded_bits(plan, 1);
   }
@@ -202,19 +184,18 @@ TEST(Allocation, ScanSwitchSelectsTheSearch) {
   // the scan keeps the earlier band. Only one first step fits the budget.
   std::vector<Block> blocks(2, Block(1024, 0.0));
   for (int k = 0; k < 8; ++k) blocks[0][k * 32 + 4] = (blocks[0][k * 32 + 3] = k % 3 ? 2.5 : -4.0) * (1.0 + 1e-10);
-  const std::uint64_t budget = side_bits(2) + 50;
-  const auto picked = [](const AllocationPlan& plan) {
+  const auto picked = [&] {
+    const AllocationPlan plan = allocate(test::views(blocks), side_bits(2) + 50, {}, nullptr);
     EXPECT_EQ(coded_bits(plan), 46u);
     return plan.subframes[0][0][4].abits == 8 ? 4 : 3;
   };
-  // allocate() takes the switch from the environment: a text beginning with "1".
-  const std::vector<std::pair<const char*, int>> cases = {{"1", 3}, {"1yes", 3}, {"0", 4}, {"", 4}, {" 1", 4}};
-  for (const auto& [value, band] : cases) {
+  // Only a value beginning with "1" asks for the scan.
+  for (const auto& [value, band] : std::vector<std::pair<const char*, int>>{{"1yes", 3}, {" 1", 4}}) {
     ::setenv("TAVRIN_DTS_ALLOCATOR_SCAN", value, 1);
-    EXPECT_EQ(picked(allocate(views(blocks), budget, {}, nullptr)), band) << '"' << value << '"';
+    EXPECT_EQ(picked(), band) << '"' << value << '"';
   }
   ::unsetenv("TAVRIN_DTS_ALLOCATOR_SCAN");
-  EXPECT_EQ(picked(allocate(views(blocks), budget, {}, nullptr)), 4);
+  EXPECT_EQ(picked(), 4);
 }
 
 }  // namespace
