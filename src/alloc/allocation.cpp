@@ -36,6 +36,11 @@ struct Step {
 struct Frame {
   std::size_t channels = 0;
   bool wide = false;  // the AVX2 error sum may be used
+  // Reciprocals that keep the two divisions of a step's quantizer off the
+  // search's critical path: 1 / (levels * step size) per ABITS, and 1 /
+  // scale factor and 1 / step size for the quantum's reciprocal.
+  std::array<double, kStepSizeCount> inverse_unit{}, inverse_step{};
+  std::array<double, kScaleFactor6Count> inverse_scale{};
   std::vector<double> samples;  // eight contiguous samples per flat band index
   std::vector<AllocationBand*> bands;
 };
@@ -63,6 +68,39 @@ void validate(std::size_t channels, const AllocationConfig& cfg, const PsychoAna
   }
 }
 
+// baseline_quantizer_for_peak(peak, abits, abits, hint) for a band known to
+// have a peak above 1e-18. The quotient it compares with the scale table is
+// formed here as a product with a reciprocal, which is within a few units in
+// the last place of it: that picks the same entry unless a table entry lies
+// within a hair of it, and there the exact function decides.
+QuantizerChoice step_quantizer(const Frame& frame, double peak, unsigned abits, unsigned hint) {
+  const double* const first = kScaleFactor6.data();
+  const double* const last = first + kScaleFactor6Count;
+  const double needed = peak * frame.inverse_unit[abits];
+  constexpr double kHair = 1e-9;
+  if (!(needed <= last[-1] * (1.0 - kHair))) return baseline_quantizer_for_peak(peak, abits, abits, hint);
+  const double* found = nullptr;
+  if (hint < kScaleFactor6Count) {
+    found = first + hint;
+    if (*found >= needed) {
+      while (found != first && found[-1] >= needed) --found;
+    } else {
+      while (*found < needed) ++found;
+    }
+  } else {
+    found = std::lower_bound(first, last, needed);
+  }
+  if (*found <= needed * (1.0 + kHair) || (found != first && found[-1] >= needed * (1.0 - kHair)))
+    return baseline_quantizer_for_peak(peak, abits, abits, hint);
+  QuantizerChoice c;
+  c.abits = static_cast<std::uint8_t>(abits);
+  c.scale_index = static_cast<std::uint8_t>(found - first);
+  c.scale = *found;
+  c.step = kStepSize[abits];
+  c.quantum = c.scale * c.step;
+  return c;
+}
+
 // Evaluates raising band `index` by one step. Fills `step` and returns
 // whether such a step exists.
 bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
@@ -79,10 +117,12 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   // band.peak is the largest magnitude of x, so the samples need no rescan;
   // the scale at the current ABITS is a close hint for the next.
   const QuantizerChoice q =
-      baseline_quantizer_for_peak(band.peak, next, next, abits == 0 ? kNoScaleHint : band.quantizer.scale_index);
+      step_quantizer(frame, band.peak, next, abits == 0 ? kNoScaleHint : band.quantizer.scale_index);
   // index * quantum is the decoder's value.
-  const double error = frame.wide ? quantization_error8_avx2(x, q.quantum, q.abits)
-                                  : quantization_error<kSamplesPerBand>(x, q);
+  const double error =
+      frame.wide ? quantization_error8_avx2(x, q.quantum, frame.inverse_scale[q.scale_index] * frame.inverse_step[next],
+                                            q.abits)
+                 : quantization_error<kSamplesPerBand>(x, q);
   const double dn = error / static_cast<double>(kSamplesPerBand);
   const auto delta = static_cast<std::uint32_t>(band_bit_cost(next) - band_bit_cost(abits));
 
@@ -321,6 +361,11 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
   // The error sum follows the process's choice of vector kernel; both forms
   // give the same plan.
   frame.wide = qmf_kernel().id == QmfKernelId::avx2;
+  for (unsigned a = 8; a < kStepSizeCount; ++a) {
+    frame.inverse_unit[a] = 1.0 / (static_cast<double>((std::int32_t{1} << (a - 4)) - 1) * kStepSize[a]);
+    frame.inverse_step[a] = 1.0 / kStepSize[a];
+  }
+  for (std::size_t i = 0; i < kScaleFactor6Count; ++i) frame.inverse_scale[i] = 1.0 / kScaleFactor6[i];
   frame.samples.resize(kAllocationSubframes * nch * kAllocationBands * kSamplesPerBand);
   frame.bands.resize(kAllocationSubframes * nch * kAllocationBands);
 

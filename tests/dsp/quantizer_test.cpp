@@ -141,7 +141,7 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
       const double got = quantization_error<8>(x, q);
       ASSERT_TRUE(got == want || (std::isnan(got) && std::isnan(want))) << "abits " << a << " at " << i;
       if (avx2) {
-        const double wide = quantization_error8_avx2(x, q.quantum, a);
+        const double wide = quantization_error8_avx2(x, q.quantum, 1.0 / q.quantum, a);
         ASSERT_TRUE(wide == want || (std::isnan(wide) && std::isnan(want))) << "avx2, abits " << a << " at " << i;
       }
     }
@@ -155,7 +155,7 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
   for (double v : near_ties) want += (v - quantize(v, q12) * q12.quantum) * (v - quantize(v, q12) * q12.quantum);
   EXPECT_EQ(quantization_error<8>(near_ties, q12), want);
   if (avx2) {
-    EXPECT_EQ(quantization_error8_avx2(near_ties, q12.quantum, 12), want);
+    EXPECT_EQ(quantization_error8_avx2(near_ties, q12.quantum, 1.0 / q12.quantum, 12), want);
   }
   const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
   EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
