@@ -1,6 +1,5 @@
 #include "alloc/legacy_encoder.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 #include "bitstream/bit_writer.h"
@@ -27,7 +26,7 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
 
   // The frame is written into this writer as it goes: the header now, for
   // its size, and the payload once it is decided.
-  BitWriter writer(std::max<std::size_t>(frame_bytes, BitWriter::kDefaultCapacity));
+  BitWriter writer(frame_bytes);
   write_header(writer, header);
   const std::uint64_t header_bits = writer.bit_count();
   const std::uint64_t budget = static_cast<std::uint64_t>(frame_bytes & 0xFFFFu) * 8;
