@@ -22,15 +22,27 @@ constexpr std::uint64_t kPredictionModeBits = 1;      // per band
 constexpr std::uint64_t kAbitsIndexBits = 5;          // per band
 
 // The next step of one band: what it would cost, what it would buy, and the
-// quantizer that would buy it. gain_unit excludes the channel multiplier.
+// scale factor that would buy it. gain_unit excludes the channel multiplier.
 struct Step {
   double gain_unit = 0.0;
   double distortion = 0.0;
-  QuantizerChoice quantizer{};
   std::uint32_t delta = 0;
   std::uint32_t band = 0;  // flat index (s * channels + c) * 32 + b
   std::uint8_t abits = 0;
+  std::uint8_t scale_index = 0;
   bool valid = false;
+};
+
+// What the search reads and changes of a band, together and in flat index
+// order; the plan's entries are filled in from it when the search ends.
+struct BandState {
+  double peak = 0.0;
+  double energy_term = 0.0;  // rms^2 * 1e-15, the gain's tiny energy term
+  double weight = 0.0;
+  double distortion = 0.0;
+  std::uint8_t abits = 0;
+  std::uint8_t scale_index = 0;
+  bool eligible = false;  // rms above the silence threshold, peak above 1e-18
 };
 
 struct Frame {
@@ -43,6 +55,7 @@ struct Frame {
   std::array<double, kScaleFactor6Count> inverse_scale{};
   std::vector<double> samples;  // eight contiguous samples per flat band index
   std::vector<AllocationBand*> bands;
+  std::vector<BandState> state;
 };
 
 std::uint32_t flat_index(std::size_t channels, std::size_t s, std::size_t c, std::size_t b) {
@@ -103,13 +116,12 @@ QuantizerChoice step_quantizer(const Frame& frame, double peak, unsigned abits, 
 
 // Evaluates raising band `index` by one step. Fills `step` and returns
 // whether such a step exists.
-bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, double threshold,
-                   Step& step) {
-  const AllocationBand& band = *frame.bands[index];
+bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, Step& step) {
+  const BandState& band = frame.state[index];
   const unsigned abits = band.abits;
   step.valid = false;
   step.band = index;
-  if (!(band.rms > threshold) || !(band.peak > 1e-18)) return false;
+  if (!band.eligible) return false;
   const unsigned next = abits == 0 ? cfg.abits_min : abits + 1u;
   if (next > cfg.abits_max) return false;
 
@@ -117,7 +129,7 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   // band.peak is the largest magnitude of x, so the samples need no rescan;
   // the scale at the current ABITS is a close hint for the next.
   const QuantizerChoice q =
-      step_quantizer(frame, band.peak, next, abits == 0 ? kNoScaleHint : band.quantizer.scale_index);
+      step_quantizer(frame, band.peak, next, abits == 0 ? kNoScaleHint : band.scale_index);
   // index * quantum is the decoder's value.
   const double error =
       frame.wide ? quantization_error8_avx2(x, q.quantum, frame.inverse_scale[q.scale_index] * frame.inverse_step[next],
@@ -127,12 +139,12 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   const auto delta = static_cast<std::uint32_t>(band_bit_cost(next) - band_bit_cost(abits));
 
   step.distortion = dn;
-  step.quantizer = q;
+  step.scale_index = q.scale_index;
   step.delta = delta;
   step.abits = static_cast<std::uint8_t>(next);
   // The tiny energy term keeps a step worth taking when it removes no
   // measurable error, so spare bits still go to audible bands.
-  const double gain = (band.rms * band.rms * 1e-15 + std::max(0.0, band.distortion - dn)) * band.weight;
+  const double gain = (band.energy_term + std::max(0.0, band.distortion - dn)) * band.weight;
   // Dividing by 8 and multiplying by 1/8 round alike; every step but the
   // first costs 8 bits, and the multiplication is much the shorter.
   step.gain_unit = delta == 8 ? gain * 0.125 : gain / static_cast<double>(delta);
@@ -140,12 +152,30 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   return true;
 }
 
-void apply_step(const Frame& frame, const Step& step, std::uint64_t& total) {
-  AllocationBand& band = *frame.bands[step.band];
+void apply_step(Frame& frame, const Step& step, std::uint64_t& total) {
+  BandState& band = frame.state[step.band];
   band.abits = step.abits;
-  band.quantizer = step.quantizer;
+  band.scale_index = step.scale_index;
   band.distortion = step.distortion;
   total += step.delta;
+}
+
+// The searches' result into the plan. The quantizer is rebuilt from its
+// ABITS and scale index exactly as the quantizer lookup builds it.
+void store_plan(const Frame& frame) {
+  for (std::size_t i = 0; i < frame.state.size(); ++i) {
+    const BandState& st = frame.state[i];
+    AllocationBand& band = *frame.bands[i];
+    band.abits = st.abits;
+    band.distortion = st.distortion;
+    if (st.abits == 0) continue;
+    QuantizerChoice& q = band.quantizer;
+    q.abits = st.abits;
+    q.scale_index = st.scale_index;
+    q.scale = kScaleFactor6[st.scale_index];
+    q.step = kStepSize[st.abits];
+    q.quantum = q.scale * q.step;
+  }
 }
 
 // The search keeps its candidates in a loser tree over the bands: each inner
@@ -201,13 +231,12 @@ struct LoserTree {
   }
 };
 
-void tournament_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
-                       std::uint64_t& total) {
+void tournament_search(Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, std::uint64_t& total) {
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
   std::vector<Step> pending(count);
   std::vector<std::uint64_t> keys(count, 0);
   for (std::uint32_t i = 0; i < count; ++i)
-    if (evaluate_step(frame, i, cfg, threshold, pending[i])) keys[i] = LoserTree::key_of(pending[i].gain_unit);
+    if (evaluate_step(frame, i, cfg, pending[i])) keys[i] = LoserTree::key_of(pending[i].gain_unit);
   LoserTree t;
   t.build(keys);
   // No step costs less than 8 bits, so once fewer remain every band left
@@ -219,7 +248,7 @@ void tournament_search(const Frame& frame, std::uint64_t budget, const Allocatio
     std::uint64_t key = 0;
     if (total + step.delta <= budget) {
       apply_step(frame, step, total);
-      if (evaluate_step(frame, top.band, cfg, threshold, step)) key = LoserTree::key_of(step.gain_unit);
+      if (evaluate_step(frame, top.band, cfg, step)) key = LoserTree::key_of(step.gain_unit);
     }  // else: this band grows no further
     t.replay(key);
   }
@@ -229,8 +258,7 @@ bool strictly_larger(double candidate, double kept) {
   return candidate > kept + std::max(1e-8 * std::abs(kept), 1e-24);
 }
 
-void scan_search(const Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, double threshold,
-                 std::uint64_t& total) {
+void scan_search(Frame& frame, std::uint64_t budget, const AllocationConfig& cfg, std::uint64_t& total) {
   const std::size_t nch = frame.channels;
   const auto count = static_cast<std::uint32_t>(frame.bands.size());
   const bool fairness = cfg.channel_fairness > 0.0 && nch >= 2;
@@ -239,13 +267,13 @@ void scan_search(const Frame& frame, std::uint64_t budget, const AllocationConfi
   // once and re-evaluated only after it is applied; the channel multiplier
   // scales the gain per pass.
   std::vector<Step> steps(count);
-  for (std::uint32_t i = 0; i < count; ++i) evaluate_step(frame, i, cfg, threshold, steps[i]);
+  for (std::uint32_t i = 0; i < count; ++i) evaluate_step(frame, i, cfg, steps[i]);
 
   std::array<double, 5> demand{};
   if (fairness) {
     for (std::uint32_t i = 0; i < count; ++i) {
       const std::size_t c = (i / kAllocationBands) % nch;
-      const AllocationBand& band = *frame.bands[i];
+      const BandState& band = frame.state[i];
       demand[c] += band.weight * band.distortion;  // still the band's energy here
     }
   }
@@ -257,7 +285,7 @@ void scan_search(const Frame& frame, std::uint64_t budget, const AllocationConfi
       std::array<double, 5> share{};
       for (std::uint32_t i = 0; i < count; ++i) {
         const std::size_t c = (i / kAllocationBands) % nch;
-        const AllocationBand& band = *frame.bands[i];
+        const BandState& band = frame.state[i];
         share[c] += band.weight * band.distortion;
       }
       double sum = 0.0;
@@ -291,7 +319,7 @@ void scan_search(const Frame& frame, std::uint64_t budget, const AllocationConfi
     if (kept < 0) break;
     const auto index = static_cast<std::uint32_t>(kept);
     apply_step(frame, steps[index], total);
-    evaluate_step(frame, index, cfg, threshold, steps[index]);
+    evaluate_step(frame, index, cfg, steps[index]);
   }
 }
 
@@ -368,6 +396,7 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
   for (std::size_t i = 0; i < kScaleFactor6Count; ++i) frame.inverse_scale[i] = 1.0 / kScaleFactor6[i];
   frame.samples.resize(kAllocationSubframes * nch * kAllocationBands * kSamplesPerBand);
   frame.bands.resize(kAllocationSubframes * nch * kAllocationBands);
+  frame.state.resize(frame.bands.size());
 
   double rmax = 0.0;
   for (std::size_t s = 0; s < kAllocationSubframes; ++s) {
@@ -394,6 +423,11 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
           band.weight = (1.0 - t) + t * cfg.high_band_weight;
         }
         rmax = std::max(rmax, band.rms);
+        BandState& st = frame.state[i];
+        st.peak = peak;
+        st.energy_term = band.rms * band.rms * 1e-15;
+        st.weight = band.weight;
+        st.distortion = energy;
       }
     }
   }
@@ -403,10 +437,13 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
     throw std::runtime_error("target payload budget is smaller than DTS side information");
 
   const double threshold = rmax * cfg.relative_silence_floor;
+  for (std::size_t i = 0; i < frame.state.size(); ++i)
+    frame.state[i].eligible = frame.bands[i]->rms > threshold && frame.state[i].peak > 1e-18;
   if (cfg.channel_fairness > 0.0 || scan_switch)
-    scan_search(frame, budget_bits, cfg, threshold, plan.total_bits);
+    scan_search(frame, budget_bits, cfg, plan.total_bits);
   else
-    tournament_search(frame, budget_bits, cfg, threshold, plan.total_bits);
+    tournament_search(frame, budget_bits, cfg, plan.total_bits);
+  store_plan(frame);
 
   plan.perceptual_error = perceptual_error(analysis, plan);
   if (count_allocation_bits(plan, nch) != plan.total_bits) throw std::runtime_error("adaptive bit accounting mismatch");
