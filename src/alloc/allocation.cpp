@@ -81,39 +81,6 @@ void validate(std::size_t channels, const AllocationConfig& cfg, const PsychoAna
   }
 }
 
-// baseline_quantizer_for_peak(peak, abits, abits, hint) for a band known to
-// have a peak above 1e-18. The quotient it compares with the scale table is
-// formed here as a product with a reciprocal, which is within a few units in
-// the last place of it: that picks the same entry unless a table entry lies
-// within a hair of it, and there the exact function decides.
-QuantizerChoice step_quantizer(const Frame& frame, double peak, unsigned abits, unsigned hint) {
-  const double* const first = kScaleFactor6.data();
-  const double* const last = first + kScaleFactor6Count;
-  const double needed = peak * frame.inverse_unit[abits];
-  constexpr double kHair = 1e-9;
-  if (!(needed <= last[-1] * (1.0 - kHair))) return baseline_quantizer_for_peak(peak, abits, abits, hint);
-  const double* found = nullptr;
-  if (hint < kScaleFactor6Count) {
-    found = first + hint;
-    if (*found >= needed) {
-      while (found != first && found[-1] >= needed) --found;
-    } else {
-      while (*found < needed) ++found;
-    }
-  } else {
-    found = std::lower_bound(first, last, needed);
-  }
-  if (*found <= needed * (1.0 + kHair) || (found != first && found[-1] >= needed * (1.0 - kHair)))
-    return baseline_quantizer_for_peak(peak, abits, abits, hint);
-  QuantizerChoice c;
-  c.abits = static_cast<std::uint8_t>(abits);
-  c.scale_index = static_cast<std::uint8_t>(found - first);
-  c.scale = *found;
-  c.step = kStepSize[abits];
-  c.quantum = c.scale * c.step;
-  return c;
-}
-
 // Evaluates raising band `index` by one step. Fills `step` and returns
 // whether such a step exists.
 bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConfig& cfg, Step& step) {
@@ -129,7 +96,8 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
   // band.peak is the largest magnitude of x, so the samples need no rescan;
   // the scale at the current ABITS is a close hint for the next.
   const QuantizerChoice q =
-      step_quantizer(frame, band.peak, next, abits == 0 ? kNoScaleHint : band.scale_index);
+      baseline_quantizer_by_reciprocal(band.peak, next, abits == 0 ? kNoScaleHint : band.scale_index,
+                                       frame.inverse_unit[next]);
   // index * quantum is the decoder's value.
   const double error =
       frame.wide ? quantization_error8_avx2(x, q.quantum, frame.inverse_scale[q.scale_index] * frame.inverse_step[next],

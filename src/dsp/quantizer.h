@@ -80,6 +80,42 @@ inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, un
 }
 [[noreturn]] void throw_step_size_abits();
 
+// baseline_quantizer_for_peak(peak, abits, abits, hint) without its division,
+// for callers that hold inverse_unit = 1 / (levels * step size) of `abits`.
+// The product peak * inverse_unit is within a few units in the last place of
+// the quotient, so it picks the same scale unless a table entry lies within
+// a hair of it; there, and for peaks out of the table's reach, the exact
+// function decides.
+inline QuantizerChoice baseline_quantizer_by_reciprocal(double peak, unsigned abits, unsigned scale_hint,
+                                                        double inverse_unit) {
+  const double* const first = kScaleFactor6.data();
+  const double* const last = first + kScaleFactor6Count;
+  const double needed = peak * inverse_unit;
+  constexpr double kHair = 1e-9;
+  if (!(needed <= last[-1] * (1.0 - kHair)) || !(peak > 1e-18) || abits < 8 || abits > 26)
+    return baseline_quantizer_for_peak(peak, abits, abits, scale_hint);
+  const double* found = nullptr;
+  if (scale_hint < kScaleFactor6Count) {
+    found = first + scale_hint;
+    if (*found >= needed) {
+      while (found != first && found[-1] >= needed) --found;
+    } else {
+      while (*found < needed) ++found;
+    }
+  } else {
+    found = std::lower_bound(first, last, needed);
+  }
+  if (*found <= needed * (1.0 + kHair) || (found != first && found[-1] >= needed * (1.0 - kHair)))
+    return baseline_quantizer_for_peak(peak, abits, abits, scale_hint);
+  QuantizerChoice c;
+  c.abits = static_cast<std::uint8_t>(abits);
+  c.scale_index = static_cast<std::uint8_t>(found - first);
+  c.scale = *found;
+  c.step = kStepSize[abits];
+  c.quantum = c.scale * c.step;
+  return c;
+}
+
 // Inline, like quantize: the rate allocators look step sizes up per band.
 inline double step_size(unsigned abits) {
   if (abits >= kStepSizeCount) throw_step_size_abits();

@@ -100,6 +100,15 @@ TEST(Quantizer, ChoiceMatchesLinearScanOnEveryBoundary) {
             EXPECT_EQ(q.step, kStepSize[want_a]);
             EXPECT_EQ(q.quantum, q.scale * q.step);
           }
+          // The division-free lookup, right on the boundaries where its
+          // product could round the other way.
+          if (high == a) {
+            for (const unsigned hint : {kNoScaleHint, s, 0u, 62u}) {
+              const QuantizerChoice q = baseline_quantizer_by_reciprocal(peak, a, hint, 1.0 / (levels(a) * kStepSize[a]));
+              ASSERT_EQ(q.scale_index, want_s) << peak << " abits " << a << " hint " << hint;
+              ASSERT_EQ(q.quantum, kScaleFactor6[want_s] * kStepSize[a]);
+            }
+          }
         }
       }
     }
