@@ -44,37 +44,42 @@ void write_dsync(BitWriter& writer);
 [[noreturn]] void throw_baseline_range();
 [[noreturn]] void throw_baseline_peak();
 
+// The first scale-table entry not below `needed` (which must not exceed the
+// last entry): the smallest scale that fits. The table ascends, so the walks
+// from a hint stop at it from either side.
+inline const double* first_scale_at_least(double needed, unsigned scale_hint) {
+  const double* const first = kScaleFactor6.data();
+  if (scale_hint >= kScaleFactor6Count) return std::lower_bound(first, first + kScaleFactor6Count, needed);
+  const double* found = first + scale_hint;
+  if (*found >= needed) {
+    while (found != first && found[-1] >= needed) --found;
+  } else {
+    while (*found < needed) ++found;
+  }
+  return found;
+}
+
+inline QuantizerChoice quantizer_choice(unsigned abits, const double* scale) {
+  QuantizerChoice c;
+  c.abits = static_cast<std::uint8_t>(abits);
+  c.scale_index = static_cast<std::uint8_t>(scale - kScaleFactor6.data());
+  c.scale = *scale;
+  c.step = kStepSize[abits];
+  c.quantum = c.scale * c.step;
+  return c;
+}
+
 // Inline so that the allocator's one-ABITS lookups fold down to the walk.
 inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, unsigned high, unsigned scale_hint) {
   if (low < 8 || high > 26 || low > high) throw_baseline_range();
   if (!(peak > 1e-18)) return {};
-  const double* const first = kScaleFactor6.data();
-  const double* const last = first + kScaleFactor6Count;
+  const double largest = kScaleFactor6[kScaleFactor6Count - 1];
   for (unsigned a = low; a <= high; ++a) {
     const auto levels = static_cast<double>((std::int32_t{1} << (a - 4)) - 1);
     const double needed = peak / (levels * kStepSize[a]);
     // Also false for NaN, which no scale fits.
-    if (!(needed <= last[-1])) continue;
-    // The table ascends, so the first entry not below `needed` is the
-    // smallest scale that fits; the walks stop at it from either side.
-    const double* found = nullptr;
-    if (scale_hint < kScaleFactor6Count) {
-      found = first + scale_hint;
-      if (*found >= needed) {
-        while (found != first && found[-1] >= needed) --found;
-      } else {
-        while (*found < needed) ++found;
-      }
-    } else {
-      found = std::lower_bound(first, last, needed);
-    }
-    QuantizerChoice c;
-    c.abits = static_cast<std::uint8_t>(a);
-    c.scale_index = static_cast<std::uint8_t>(found - first);
-    c.scale = *found;
-    c.step = kStepSize[a];
-    c.quantum = c.scale * c.step;
-    return c;
+    if (!(needed <= largest)) continue;
+    return quantizer_choice(a, first_scale_at_least(needed, scale_hint));
   }
   throw_baseline_peak();
 }
@@ -88,32 +93,15 @@ inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, un
 // function decides.
 inline QuantizerChoice baseline_quantizer_by_reciprocal(double peak, unsigned abits, unsigned scale_hint,
                                                         double inverse_unit) {
-  const double* const first = kScaleFactor6.data();
-  const double* const last = first + kScaleFactor6Count;
   const double needed = peak * inverse_unit;
   constexpr double kHair = 1e-9;
-  if (!(needed <= last[-1] * (1.0 - kHair)) || !(peak > 1e-18) || abits < 8 || abits > 26)
+  if (!(needed <= kScaleFactor6[kScaleFactor6Count - 1] * (1.0 - kHair)) || !(peak > 1e-18) || abits < 8 ||
+      abits > 26)
     return baseline_quantizer_for_peak(peak, abits, abits, scale_hint);
-  const double* found = nullptr;
-  if (scale_hint < kScaleFactor6Count) {
-    found = first + scale_hint;
-    if (*found >= needed) {
-      while (found != first && found[-1] >= needed) --found;
-    } else {
-      while (*found < needed) ++found;
-    }
-  } else {
-    found = std::lower_bound(first, last, needed);
-  }
-  if (*found <= needed * (1.0 + kHair) || (found != first && found[-1] >= needed * (1.0 - kHair)))
+  const double* found = first_scale_at_least(needed, scale_hint);
+  if (*found <= needed * (1.0 + kHair) || (found != kScaleFactor6.data() && found[-1] >= needed * (1.0 - kHair)))
     return baseline_quantizer_for_peak(peak, abits, abits, scale_hint);
-  QuantizerChoice c;
-  c.abits = static_cast<std::uint8_t>(abits);
-  c.scale_index = static_cast<std::uint8_t>(found - first);
-  c.scale = *found;
-  c.step = kStepSize[abits];
-  c.quantum = c.scale * c.step;
-  return c;
+  return quantizer_choice(abits, found);
 }
 
 // Inline, like quantize: the rate allocators look step sizes up per band.

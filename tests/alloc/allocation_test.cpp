@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "alloc/plan_payload.h"
+#include "bitstream/test_util.h"
 #include "support/blocks.h"
 
 namespace tavrin {
@@ -52,15 +53,6 @@ PsychoAnalysis shaped(std::size_t subframes, std::size_t channels, double weight
   return {std::vector<std::vector<PsychoBandRecord>>(subframes, std::vector<PsychoBandRecord>(channels * 32, record))};
 }
 
-std::string failure(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "no failure";
-}
-
 TEST(Allocation, RejectsBadInputWithExactMessages) {
   const PsychoAnalysis good = shaped(4, 2), three_subframes = shaped(3, 2), mono = shaped(4, 1);
   const std::string range = "adaptive ABITS range must be 8..26";
@@ -78,9 +70,9 @@ TEST(Allocation, RejectsBadInputWithExactMessages) {
       {2, {.psycho = {.ath_floor = 0}}, &good, "invalid psycho ATH floor"},
   };
   for (const auto& [channels, config, psycho, message] : cases)
-    EXPECT_EQ(failure([&] { run(std::vector<Block>(channels, Block(1024, 1.0)), 100000, config, false, psycho); }),
+    EXPECT_EQ(test::message_of<std::exception>([&] { run(std::vector<Block>(channels, Block(1024, 1.0)), 100000, config, false, psycho); }),
               message);
-  EXPECT_EQ(failure([] { run(noise_frame({1.0}, 7), side_bits(1) - 1); }),
+  EXPECT_EQ(test::message_of<std::exception>([] { run(noise_frame({1.0}, 7), side_bits(1) - 1); }),
             "target payload budget is smaller than DTS side information");
 }
 
@@ -89,7 +81,7 @@ TEST(Allocation, PlanShapeChecks) {
   AllocationPlan plan;
   plan.subframes.assign(4, std::vector<std::vector<AllocationBand>>(2, std::vector<AllocationBand>(32)));
   const std::vector<Block> two(2, Block(1024));
-  EXPECT_EQ(failure([&] { payload_from_plan({}, plan); }), "DTS adaptive payload requires 1..5 channels");
+  EXPECT_EQ(test::message_of<std::exception>([&] { payload_from_plan({}, plan); }), "DTS adaptive payload requires 1..5 channels");
   const std::vector<std::tuple<std::function<void(AllocationPlan&)>, std::string, std::string, std::string>> cases = {
       {[](auto& p) { p.subframes.pop_back(); }, "allocation subframe count mismatch", "psycho/MSE subframe mismatch",
        "Phase-7 adaptive payload requires four subframes"},
@@ -101,9 +93,9 @@ TEST(Allocation, PlanShapeChecks) {
   for (const auto& [damage, count_message, error_message, payload_message] : cases) {
     AllocationPlan damaged = plan;
     damage(damaged);
-    EXPECT_EQ(failure([&] { count_allocation_bits(damaged, 2); }), count_message);
-    EXPECT_EQ(failure([&] { perceptual_error(shaped(4, 2), damaged); }), error_message);
-    EXPECT_EQ(failure([&] { payload_from_plan(test::views(two), damaged); }), payload_message);
+    EXPECT_EQ(test::message_of<std::exception>([&] { count_allocation_bits(damaged, 2); }), count_message);
+    EXPECT_EQ(test::message_of<std::exception>([&] { perceptual_error(shaped(4, 2), damaged); }), error_message);
+    EXPECT_EQ(test::message_of<std::exception>([&] { payload_from_plan(test::views(two), damaged); }), payload_message);
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include "alloc/adpcm_rate.h"
 #include "alloc/legacy_encoder.h"
+#include "bitstream/test_util.h"
 #include "support/blocks.h"
 
 namespace tavrin {
@@ -29,29 +30,20 @@ std::vector<std::vector<double>> subband_frame(std::size_t channels, unsigned se
   return frame;
 }
 
-std::string failure_of(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "";
-}
-
 TEST(LegacyEncoder, RejectsWithExactMessages) {
   const auto frame = subband_frame(3, 1);
   const auto three = test::views(frame), stereo = std::vector<const double*>(three.begin(), three.begin() + 2);
   LegacyEncoderConfig config;
   LegacyEncoderState state;
   const StreamParams stream{48000, 768000};
-  EXPECT_EQ(failure_of([&] { encode_legacy_frame(three, 2, stream, 2048, config, state); }),
+  EXPECT_EQ(test::message_of<std::exception>([&] { encode_legacy_frame(three, 2, stream, 2048, config, state); }),
             "AMODE primary-channel count mismatch");
   // The budget must exceed the 104 header bits plus the reserve.
   config.allocation.reserved_bits = 100 * 8 - 104;
-  EXPECT_EQ(failure_of([&] { encode_legacy_frame(stereo, 2, stream, 100, config, state); }),
+  EXPECT_EQ(test::message_of<std::exception>([&] { encode_legacy_frame(stereo, 2, stream, 100, config, state); }),
             "frame too small for rate-optimized ADPCM DTS Core header");
   // The production-candidate path is refused, not silently replaced.
-  EXPECT_EQ(failure_of([&] { dispatch_stereo_frame(stereo, 2, stream, 2048, config, state, true); }),
+  EXPECT_EQ(test::message_of<std::exception>([&] { dispatch_stereo_frame(stereo, 2, stream, 2048, config, state, true); }),
             "the production-candidate 24+8 encoder is not available in this version yet");
 }
 

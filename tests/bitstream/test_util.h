@@ -4,6 +4,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "bitstream/primary_header.h"
@@ -30,15 +31,24 @@ struct BitReader {
   }
 };
 
-// Message of the E that f throws, or a marker if none.
+// Message of the E that f throws, or a marker if none (std::exception takes
+// any standard exception).
 template <typename E = std::invalid_argument>
 std::string message_of(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const E& e) {
-    return e.what();
-  } catch (const std::exception& e) {
-    return std::string("<other exception> ") + e.what();
+  if constexpr (std::is_same_v<E, std::exception>) {
+    try {
+      f();
+    } catch (const std::exception& e) {
+      return e.what();
+    }
+  } else {
+    try {
+      f();
+    } catch (const E& e) {
+      return e.what();
+    } catch (const std::exception& e) {
+      return std::string("<other exception> ") + e.what();
+    }
   }
   return "<no exception>";
 }
