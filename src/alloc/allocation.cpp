@@ -15,11 +15,6 @@ namespace tavrin {
 namespace {
 
 constexpr std::size_t kSamplesPerBand = 8;
-constexpr std::uint64_t kFrameBitsPerChannel = 45;
-constexpr std::uint64_t kFrameBitsFixed = 7;
-constexpr std::uint64_t kSubframeFixedBits = 5 + 16;  // SSC/PSC, closing DSYNC
-constexpr std::uint64_t kPredictionModeBits = 1;      // per band
-constexpr std::uint64_t kAbitsIndexBits = 5;          // per band
 
 // The next step of one band: what it would cost, what it would buy, and the
 // scale factor that would buy it. gain_unit excludes the channel multiplier.
@@ -56,6 +51,7 @@ struct Frame {
   std::vector<double> samples;  // eight contiguous samples per flat band index
   std::vector<AllocationBand*> bands;
   std::vector<BandState> state;
+  std::array<std::uint32_t, kMaxPlanAbits + 1> band_bits{};  // the step prices, looked up once
 };
 
 std::uint32_t flat_index(std::size_t channels, std::size_t s, std::size_t c, std::size_t b) {
@@ -104,7 +100,7 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
                                             q.abits)
                  : quantization_error<kSamplesPerBand>(x, q);
   const double dn = error / static_cast<double>(kSamplesPerBand);
-  const auto delta = static_cast<std::uint32_t>(band_bit_cost(next) - band_bit_cost(abits));
+  const std::uint32_t delta = frame.band_bits[next] - frame.band_bits[abits];
 
   step.distortion = dn;
   step.scale_index = q.scale_index;
@@ -303,14 +299,14 @@ AllocationConfig stereo_allocation_config() { return AllocationConfig{}; }
 std::uint64_t count_allocation_bits(const AllocationPlan& plan, std::size_t channels) {
   if (plan.subframes.size() != kAllocationSubframes)
     throw std::runtime_error("allocation subframe count mismatch");
-  std::uint64_t bits = kFrameBitsPerChannel * channels + kFrameBitsFixed;
+  const PayloadCosts& costs = payload_costs();
+  if (channels < 1 || channels > kMaxPlanChannels) throw std::runtime_error("allocation channel count mismatch");
+  std::uint64_t bits = costs.side_bits[channels];
   for (const auto& sub : plan.subframes) {
     if (sub.size() != channels) throw std::runtime_error("allocation channel count mismatch");
-    bits += kSubframeFixedBits;
     for (const auto& bands : sub) {
       if (bands.size() != kAllocationBands) throw std::runtime_error("allocation band count mismatch");
-      bits += (kPredictionModeBits + kAbitsIndexBits) * bands.size();
-      for (const AllocationBand& band : bands) bits += band_bit_cost(band.abits);
+      for (const AllocationBand& band : bands) bits += costs.band_bits[band.abits];
     }
   }
   return bits;
@@ -357,6 +353,7 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
   // The error sum follows the process's choice of vector kernel; both forms
   // give the same plan.
   frame.wide = qmf_kernel().id == QmfKernelId::avx2;
+  frame.band_bits = payload_costs().band_bits;
   for (unsigned a = 8; a < kStepSizeCount; ++a) {
     frame.inverse_unit[a] = 1.0 / (static_cast<double>((std::int32_t{1} << (a - 4)) - 1) * kStepSize[a]);
     frame.inverse_step[a] = 1.0 / kStepSize[a];

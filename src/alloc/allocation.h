@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "alloc/plan_payload.h"
 #include "alloc/psycho.h"
 #include "dsp/quantizer.h"
 
@@ -46,11 +47,9 @@ struct AllocationPlan {
 inline constexpr std::size_t kAllocationSubframes = 4;
 inline constexpr std::size_t kAllocationBands = 32;
 
-// Bits of one band's audio data plus its scale factor at ABITS a (0 for a silent band).
-// Inline: the allocators price every step they weigh with it.
-inline std::uint64_t band_bit_cost(unsigned abits) {
-  return abits == 0 ? 0 : 8u * (static_cast<std::uint64_t>(abits) - 3u) + 6u;
-}
+// Bits of one band's audio data plus its scale factor at ABITS a (0 for a
+// silent band), as the payload writer counts them.
+inline std::uint64_t band_bit_cost(unsigned abits) { return payload_costs().band_bits[abits]; }
 
 // Side information plus the payload of every coded band, counted from
 // scratch. Throws std::runtime_error "allocation subframe count mismatch",

@@ -7,8 +7,14 @@
 
 namespace tavrin {
 
+AllocationConfig legacy_allocation_config() {
+  AllocationConfig config = stereo_allocation_config();
+  config.psycho_weighting = 1;
+  return config;
+}
+
 CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::uint8_t amode,
-                              const StreamParams& stream, std::uint32_t frame_bytes, LegacyEncoderConfig& config,
+                              const StreamParams& stream, std::uint32_t frame_bytes, const LegacyEncoderConfig& config,
                               LegacyEncoderState& state) {
   if (channels_for_amode(amode) != channels.size()) {
     throw std::invalid_argument("AMODE primary-channel count mismatch");
@@ -37,7 +43,6 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
   const std::uint64_t payload_budget = budget - header_bits - reserved;
 
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
-  config.allocation.psycho_weighting = 1;
   AllocationPlan plan = allocate(channels, payload_budget, config.allocation, &psycho);
 
   const AdpcmRateResult rate =
@@ -58,7 +63,7 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
 
 DispatchedFrame dispatch_stereo_frame(const std::vector<const double*>& channels, std::uint8_t amode,
                                       const StreamParams& stream, std::uint32_t frame_bytes,
-                                      LegacyEncoderConfig& config, LegacyEncoderState& state,
+                                      const LegacyEncoderConfig& config, LegacyEncoderState& state,
                                       bool production_candidate) {
   const bool standard_rate = stream.sample_rate == 44100 || stream.sample_rate == 48000;
   const bool standard_bitrate = stream.bitrate == 768000 || stream.bitrate == 1024000 ||

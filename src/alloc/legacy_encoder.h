@@ -7,19 +7,20 @@
 
 #include "alloc/adpcm_rate.h"
 #include "alloc/allocation.h"
+#include "alloc/frame_record.h"
 #include "alloc/psycho.h"
 #include "bitstream/frame.h"
 
 namespace tavrin {
 
-struct StreamParams {
-  std::uint32_t sample_rate = 48000;
-  std::uint32_t bitrate = 768000;
-};
+// The stereo allocation defaults with the bands weighed by the model, which
+// this encoder always supplies.
+AllocationConfig legacy_allocation_config();
 
 // The encoder's configuration record: allocation first, then the model.
+// Fixed for the whole stream.
 struct LegacyEncoderConfig {
-  AllocationConfig allocation = stereo_allocation_config();
+  AllocationConfig allocation = legacy_allocation_config();
   PsychoConfig psycho = stereo_psycho_config();
 };
 
@@ -31,7 +32,7 @@ struct LegacyEncoderState {
 
 // channels: one block of 1024 subband samples per primary channel.
 CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::uint8_t amode,
-                              const StreamParams& stream, std::uint32_t frame_bytes, LegacyEncoderConfig& config,
+                              const StreamParams& stream, std::uint32_t frame_bytes, const LegacyEncoderConfig& config,
                               LegacyEncoderState& state);
 
 enum class FrameEncoderKind { legacy_adpcm, span24 };
@@ -47,7 +48,7 @@ struct DispatchedFrame {
 // production-candidate stream it can serve, the legacy encoder otherwise.
 DispatchedFrame dispatch_stereo_frame(const std::vector<const double*>& channels, std::uint8_t amode,
                                       const StreamParams& stream, std::uint32_t frame_bytes,
-                                      LegacyEncoderConfig& config, LegacyEncoderState& state,
+                                      const LegacyEncoderConfig& config, LegacyEncoderState& state,
                                       bool production_candidate);
 
 }  // namespace tavrin

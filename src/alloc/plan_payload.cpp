@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "alloc/allocation.h"
 #include "dsp/quantizer.h"
 
 namespace tavrin {
@@ -12,7 +13,30 @@ constexpr unsigned kSubframes = 4;
 constexpr unsigned kBands = 32;
 constexpr unsigned kSamplesPerSubframe = 8;
 
+FramePayload blank_payload(unsigned channels) {
+  FramePayload payload;
+  payload.header = legacy_primary_header(channels);
+  payload.subframes.assign(kSubframes, blank_subframe(channels, kBands));
+  return payload;
+}
+
+PayloadCosts measure_payload_costs() {
+  PayloadCosts costs;
+  for (unsigned c = 1; c <= kMaxPlanChannels; ++c) costs.side_bits[c] = payload_bit_count(blank_payload(c));
+  FramePayload one = blank_payload(1);
+  for (unsigned a = 8; a <= kMaxPlanAbits; ++a) {
+    one.subframes[0].abits[0][0] = static_cast<std::uint8_t>(a);
+    costs.band_bits[a] = static_cast<std::uint32_t>(payload_bit_count(one) - costs.side_bits[1]);
+  }
+  return costs;
+}
+
 }  // namespace
+
+const PayloadCosts& payload_costs() {
+  static const PayloadCosts costs = measure_payload_costs();
+  return costs;
+}
 
 PrimaryHeader legacy_primary_header(unsigned channels) {
   PrimaryHeader header;
