@@ -183,6 +183,12 @@ void write_side_info(BitWriter& w, const Subframe& s, const PrimaryHeader& h, un
 
 void write_lfe(BitWriter& w, const Subframe& s, unsigned lff) { emit_lfe(w, s, lff); }
 
+std::uint64_t lfe_bit_count(const Subframe& s, unsigned lff) {
+  BitCounter counter;
+  emit_lfe(counter, s, lff);
+  return counter.bits;
+}
+
 void write_audio(BitWriter& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
   emit_audio(w, s, h, channels);
 }

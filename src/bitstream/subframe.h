@@ -61,6 +61,8 @@ void validate_subframe(const Subframe& subframe, const PrimaryHeader& header, un
 void write_side_info(BitWriter& writer, const Subframe& subframe, const PrimaryHeader& header, unsigned channels);
 // LFE samples and scale of one subframe for the frame's LFF.
 void write_lfe(BitWriter& writer, const Subframe& subframe, unsigned lff);
+// Bits write_lfe emits for this subframe (throws as it would).
+std::uint64_t lfe_bit_count(const Subframe& subframe, unsigned lff);
 // Quantized samples of every subband with ABITS non-zero.
 void write_audio(BitWriter& writer, const Subframe& subframe, const PrimaryHeader& header, unsigned channels);
 
