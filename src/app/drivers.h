@@ -7,17 +7,39 @@
 #include <ostream>
 #include <string>
 
+#include "app/frame_loop.h"
 #include "app/options.h"
 #include "app/progress.h"
+#include "input/flac.h"
 #include "input/pcm_source.h"
 
 namespace tavrin {
 
+// An input as the drivers see it: what the summary says of it, and how its
+// frames are read.
+struct PcmInput {
+  ChannelLayout layout;
+  std::uint32_t sample_rate = 0;
+  std::string format_name;  // "s24le" for a stream, "<bits>-bit" for decoded audio
+  std::string label;        // "WAVE", "WAVEFORMATEXTENSIBLE", "raw PCM", "FLAC"
+  std::uint64_t total_samples = 0;
+  PcmReader read;
+};
+
+// `in` must outlive the returned input; it stands at the first audio byte.
+PcmInput stream_input(std::istream& in, const PcmSourceInfo& info);
+// `buffer` must outlive the returned input.
+PcmInput memory_input(const PcmBuffer& buffer, std::uint32_t sample_rate, const std::string& label);
+// The encoding pass over a FLAC file the checking pass has described.
+PcmInput flac_input(const std::string& path, const FlacStreamInfo& info);
+
+void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options);
 void encode_stereo_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,
                           const EncoderOptions& options);
 void encode_stereo_memory(std::ostream& out, const PcmBuffer& buffer, std::uint32_t sample_rate,
                           const EncoderOptions& options, const std::string& input_label);
 
+void encode_multichannel(std::ostream& out, const PcmInput& input, const EncoderOptions& options);
 void encode_multichannel_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,
                                 const EncoderOptions& options);
 void encode_multichannel_memory(std::ostream& out, const PcmBuffer& buffer, std::uint32_t sample_rate,
@@ -27,8 +49,10 @@ void encode_matrix_stream(std::istream& in, std::ostream& out, const PcmSourceIn
                           const EncoderOptions& options, const std::string& input_label, ProgressState& progress);
 void encode_matrix_memory(std::ostream& out, const PcmBuffer& buffer, std::uint32_t sample_rate,
                           const EncoderOptions& options, const std::string& input_label);
+void encode_matrix_flac(std::ostream& out, const std::string& path, const FlacStreamInfo& info,
+                        const EncoderOptions& options);
 
-// Decodes a whole FLAC file into memory.
-PcmBuffer decode_flac_file(const std::string& path);
+// Two places print this line the same way.
+std::string fixed2(double value);
 
 }  // namespace tavrin

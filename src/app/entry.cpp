@@ -12,6 +12,7 @@
 #include "app/help.h"
 #include "app/options.h"
 #include "app/progress.h"
+#include "input/flac.h"
 #include "input/raw.h"
 #include "input/wave.h"
 
@@ -69,18 +70,20 @@ PcmBuffer read_whole_pcm(std::istream& in, const PcmSourceInfo& info) {
   return buffer;
 }
 
+// FLAC is decoded twice and never held whole: a checking pass reports
+// every failure before the output gets a single frame, then the encoding
+// pass feeds the frame loop.
 void run_flac(const std::string& input_path, std::ostream& out, const EncoderOptions& options) {
   if (options.raw) throw std::runtime_error("--raw cannot be used with FLAC input");
-  const PcmBuffer buffer = decode_flac_file(input_path);
-  const std::string label = "FLAC";
+  const FlacStreamInfo info = check_flac_file(input_path);
   if (options.matrixDecode) {
-    encode_matrix_memory(out, buffer, buffer.sample_rate, options, label);
+    encode_matrix_flac(out, input_path, info, options);
   } else if (has_bass_options(options)) {
     throw std::runtime_error("bass-management options require --matrix-decode in Tavrin-DTS Phase91");
-  } else if (buffer.layout.name == "2.0") {
-    encode_stereo_memory(out, buffer, buffer.sample_rate, options, label);
+  } else if (info.layout.name == "2.0") {
+    encode_stereo(out, flac_input(input_path, info), options);
   } else {
-    encode_multichannel_memory(out, buffer, buffer.sample_rate, options, label);
+    encode_multichannel(out, flac_input(input_path, info), options);
   }
 }
 

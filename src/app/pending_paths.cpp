@@ -12,24 +12,6 @@ namespace {
 }
 }  // namespace
 
-namespace {
-void refuse_stereo_policies(const EncoderOptions& options) {
-  if (options.legacy || options.productionCandidate || options.span24Given) {
-    throw std::runtime_error("--legacy, --production-candidate and --experimental-span24 are stereo-only");
-  }
-}
-}  // namespace
-
-void encode_multichannel_stream(std::istream&, std::ostream&, const PcmSourceInfo&, const EncoderOptions& options) {
-  refuse_stereo_policies(options);
-  not_available("3.0/4.0/5.0/5.1 encoding");
-}
-void encode_multichannel_memory(std::ostream&, const PcmBuffer&, std::uint32_t, const EncoderOptions& options,
-                                const std::string&) {
-  refuse_stereo_policies(options);
-  not_available("3.0/4.0/5.0/5.1 encoding");
-}
-
 void encode_matrix_stream(std::istream&, std::ostream&, const PcmSourceInfo&, const EncoderOptions&,
                           const std::string&, ProgressState&) {
   not_available("--matrix-decode");
@@ -38,7 +20,8 @@ void encode_matrix_memory(std::ostream&, const PcmBuffer&, std::uint32_t, const 
                           const std::string&) {
   not_available("--matrix-decode");
 }
-
-PcmBuffer decode_flac_file(const std::string&) { not_available("FLAC input"); }
+void encode_matrix_flac(std::ostream&, const std::string&, const FlacStreamInfo&, const EncoderOptions&) {
+  not_available("--matrix-decode");
+}
 
 }  // namespace tavrin

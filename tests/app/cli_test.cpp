@@ -48,7 +48,7 @@ TEST(Cli, StatusesOutputAndMessages) {
       {{in, out, "--quiet"}, 1, "", "cannot open input: " + in, 0},
       {{path("song.FLAC"), out, "--raw", "--pcm-format", "s16le", "--sample-rate", "48000", "--layout", "2.0"}, 1, "",
        "--raw cannot be used with FLAC input", 0},
-      {{path("song.FLAC"), out}, 1, "", "FLAC input" + na, 0},
+      {{path("song.FLAC"), out}, 1, "", "libFLAC decode failed", 0},
       {{path("x.flac.wav"), out}, 1, "", "unexpected end of PCM/WAVE file", 0},  // only the last extension counts
       {{five, out, "--legacy"}, 1, "", "--legacy, --production-candidate and --experimental-span24 are stereo-only", 0},
       {{stereo, out, "--production-candidate"}, 1, "", "--production-candidate" + na, 0},

@@ -14,15 +14,19 @@
 #include <string>
 #include <vector>
 
-#include "bitstream/cbr_sizer.h"
 #include "support/decoders.h"
+#include "support/measure.h"
 #include "support/wav_writer.h"
 
 namespace tavrin {
 namespace {
 
 namespace fs = std::filesystem;
-using Channels = std::vector<std::vector<double>>;
+using test::as_stored;
+using test::Channels;
+using test::compare;
+using test::lines;
+using test::Match;
 
 constexpr std::size_t kDelay = 480;
 
@@ -84,54 +88,6 @@ Channels transients(std::uint32_t rate, std::size_t n) {
   return c;
 }
 
-// ---- measuring -------------------------------------------------------------
-
-struct Match {
-  double gain_db = 0.0;
-  double snr_db = 0.0;
-  double decoded_peak = 0.0;
-};
-
-// Least-squares gain of decoded against source delayed by `delay`, and the
-// SNR of the plain difference.
-Match compare(const std::vector<double>& source, const std::vector<float>& decoded, std::size_t delay) {
-  Match m;
-  double xx = 0, xy = 0, ee = 0;
-  const std::size_t n = decoded.size() > delay ? std::min(source.size(), decoded.size() - delay) : 0;
-  for (std::size_t i = 0; i < n; ++i) {
-    const double x = source[i], y = decoded[i + delay];
-    xx += x * x;
-    xy += x * y;
-    ee += (y - x) * (y - x);
-  }
-  for (float v : decoded) m.decoded_peak = std::max(m.decoded_peak, std::fabs(static_cast<double>(v)));
-  m.gain_db = xx > 0 ? 20.0 * std::log10(std::fabs(xy / xx)) : 0.0;
-  m.snr_db = ee > 0 ? 10.0 * std::log10(xx / ee) : 300.0;
-  return m;
-}
-
-std::uint64_t expected_size(std::uint32_t rate, std::uint32_t bitrate, std::size_t samples) {
-  CbrFrameSizer sizer = make_cbr_frame_sizer(static_cast<int>(rate), static_cast<int>(bitrate), 1024);
-  std::uint64_t total = 0;
-  for (std::size_t done = 0; done < samples; done += 1024) total += next_frame_bytes(sizer);
-  return total;
-}
-
-// What the integer formats can hold: the encoder sees the quantized input.
-Channels as_stored(const Channels& c, SampleFormat fmt) {
-  if (fmt == SampleFormat::f32le) {
-    Channels out = c;
-    for (auto& ch : out)
-      for (auto& v : ch) v = static_cast<double>(static_cast<float>(v));
-    return out;
-  }
-  const double scale = fmt == SampleFormat::s16le ? 32768.0 : fmt == SampleFormat::s24le ? 8388608.0 : 2147483648.0;
-  Channels out = c;
-  for (auto& ch : out)
-    for (auto& v : ch) v = std::clamp(std::nearbyint(v * scale), -scale, scale - 1) / scale;
-  return out;
-}
-
 struct Encoded {
   test::CommandResult run;
   fs::path stream;
@@ -154,7 +110,7 @@ Encoded encode_and_check(const fs::path& input, const Channels& source, std::uin
   EXPECT_EQ(e.run.exit_status, 0) << e.run.err;
   EXPECT_EQ(e.run.err, "");
   const std::size_t samples = source[0].size();
-  EXPECT_EQ(fs::file_size(e.stream), expected_size(rate, bitrate, samples));
+  EXPECT_EQ(fs::file_size(e.stream), test::expected_stream_bytes(rate, bitrate, samples));
   if (samples == 0) return e;
 
   const auto probe = test::probe_stream(e.stream);
@@ -175,13 +131,6 @@ Encoded encode_and_check(const fs::path& input, const Channels& source, std::uin
   EXPECT_EQ(e.decoded.channels[0].size(), (samples + 1023) / 1024 * 1024);
   for (int c = 0; c < 2; ++c) e.channels.push_back(compare(source[c], e.decoded.channels[c], kDelay));
   return e;
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
-  return out;
 }
 
 // ---- tests -----------------------------------------------------------------
