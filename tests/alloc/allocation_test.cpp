@@ -45,9 +45,9 @@ TEST(Allocation, RejectsBadInput) {
       // The allocator's own model configuration is checked even with an override.
       {2, {.psycho = {.ath_floor = 0}}, &two, "invalid psycho ATH floor"},
   };
-  for (const auto& [channels, config, psycho, message] : cases) {
-    const std::vector<Block> blocks(channels, Block(1024, 1.0));
-    EXPECT_EQ(test::message_of([&] { run(blocks, 100000, config, false, psycho); }), message);
+  for (const auto& c : cases) {
+    const std::vector<Block> blocks(std::get<0>(c), Block(1024, 1.0));
+    EXPECT_EQ(test::message_of([&] { run(blocks, 100000, std::get<1>(c), false, std::get<2>(c)); }), std::get<3>(c));
   }
   EXPECT_EQ(test::message_of<std::runtime_error>([] { run(noise_frame({1.0}, 7), side_bits(1) - 1); }),
             "target payload budget is smaller than DTS side information");

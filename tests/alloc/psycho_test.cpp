@@ -33,8 +33,9 @@ TEST(Psycho, RejectsBadChannelCountsAndConfigurations) {
       {5, {.masking_strength = 0, .high_band_floor = 1, .temporal_decay = 1, .attack_release = 0,
            .cross_channel_strength = 0}, "<no exception>"},
   };
-  for (const auto& [channels, config, message] : cases) {
+  for (const auto& [channels, bound_config, message] : cases) {
     const std::vector<Block> blocks(channels, Block(1024));
+    const PsychoConfig& config = bound_config;  // clang 14 cannot capture a structured binding
     EXPECT_EQ(test::message_of([&] { analyse_psycho(views(blocks), nullptr, config); }), message);
   }
 }

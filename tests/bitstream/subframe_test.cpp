@@ -140,7 +140,8 @@ TEST(Frame, PadsToTargetAndReportsOverflow) {
   EXPECT_EQ(f.bytes, padded);
   const std::pair<FrameKind, const char*> kinds[] = {{FrameKind::stereo, "DTS payload exceeds target frame size"},
                                                      {FrameKind::multichannel, "5.1 DTS Core payload exceeds target frame"}};
-  for (const auto& [kind, message] : kinds) {
+  for (const auto& [frame_kind, message] : kinds) {
+    const FrameKind kind = frame_kind;  // clang 14 cannot capture a structured binding
     BitWriter exact, over;
     exact.write(0xABCDEFu, 24);
     over.write(0x1579BDFu, 25);
