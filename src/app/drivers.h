@@ -52,7 +52,12 @@ void encode_matrix_memory(std::ostream& out, const PcmBuffer& buffer, std::uint3
 void encode_matrix_flac(std::ostream& out, const std::string& path, const FlacStreamInfo& info,
                         const EncoderOptions& options);
 
-// Two places print this line the same way.
+// Shared by the drivers: the frame loop over a whole input, and the summary
+// lines they print alike ("Output: ...", "Realized average bitrate: ...",
+// each with its line end; the latter only for a stream with frames).
+LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options);
+std::string output_line(const LoopTotals& totals, std::uint32_t bitrate);
+std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate);
 std::string fixed2(double value);
 
 }  // namespace tavrin

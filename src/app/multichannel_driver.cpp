@@ -14,22 +14,13 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
   std::ostream& o = std::cout;
   o << "Input: " << input.sample_rate << " Hz, " << input.layout.name << ", " << input.total_samples
     << " samples/channel (" << input.label << ")\n";
-  o << "Output: " << options.bitrate << " bit/s nominal, ";
-  if (s.smallest == s.largest) {
-    o << s.smallest;
-  } else {
-    o << s.smallest << "-" << s.largest;
-  }
-  o << " bytes/frame, " << s.frames << " DTS frames\n";
+  o << output_line(s, options.bitrate);
   o << "Path: adaptive multichannel Core (AMODE " << unsigned{input.layout.amode}
     << (input.layout.has_lfe ? " + LFF2" : "") << ")\n";
   if (s.frames > 0) {
-    const double frames = static_cast<double>(s.frames);
-    const double realized = static_cast<double>(s.total_bytes) * 8.0 * static_cast<double>(input.sample_rate) /
-                            (frames * static_cast<double>(kPcmFrameSamples));
-    o << "Realized average bitrate: " << fixed2(realized) << " bit/s\n";
+    o << realized_line(s, input.sample_rate);
     o << "Active band-groups min/avg/max: " << s.active_min << "/"
-      << fixed2(static_cast<double>(s.active_total) / frames) << "/" << s.active_max << "\n";
+      << fixed2(static_cast<double>(s.active_total) / static_cast<double>(s.frames)) << "/" << s.active_max << "\n";
   }
   if (s.padding != 0) o << "Final frame zero-padded by " << s.padding << " samples/channel\n";
   o.flush();
@@ -42,9 +33,7 @@ void encode_multichannel(std::ostream& out, const PcmInput& input, const Encoder
     throw std::runtime_error("--legacy, --production-candidate and --experimental-span24 are stereo-only");
   }
   if (!validate_layout(input.layout)) throw std::runtime_error("invalid multichannel layout");
-  EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
-  const LoopTotals totals = run_encode_loop(loop, input.read);
-  print_summary(totals, input, options);
+  print_summary(encode_input(out, input, options), input, options);
 }
 
 void encode_multichannel_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,

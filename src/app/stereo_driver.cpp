@@ -1,6 +1,5 @@
 // The stereo encode: the frame loop with the stereo frame dispatcher, and
 // its summary.
-#include <cstdio>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -24,13 +23,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
   std::ostream& o = std::cout;
   o << "Input: " << input.sample_rate << " Hz, " << input.format_name << ", stereo, " << input.total_samples
     << " samples (" << input.label << ")\n";
-  o << "Output: " << options.bitrate << " bit/s nominal, ";
-  if (s.smallest == s.largest) {
-    o << s.smallest;
-  } else {
-    o << s.smallest << "-" << s.largest;
-  }
-  o << " bytes/frame, " << s.frames << " DTS frames\n";
+  o << output_line(s, options.bitrate);
   o << "Path: ";
   if (options.span24Given) {
     o << "EXPERIMENTAL 24+8 rate-aware (" << options.span24Mode << ")";
@@ -42,11 +35,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
     o << "mixed";
   }
   o << "\n";
-  if (s.frames > 0) {
-    const double realized = static_cast<double>(s.total_bytes) * 8.0 * static_cast<double>(input.sample_rate) /
-                            (static_cast<double>(s.frames) * static_cast<double>(kPcmFrameSamples));
-    o << "Realized average bitrate: " << fixed2(realized) << " bit/s\n";
-  }
+  if (s.frames > 0) o << realized_line(s, input.sample_rate);
   if (s.span24_frames > 0) {
     o << "Span24 frames: " << s.span24_frames << ", predictions: " << s.span24_predictions
       << ", reinvested bits: " << s.span24_reinvested_bits << "\n";
@@ -56,12 +45,6 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
 }
 
 }  // namespace
-
-std::string fixed2(double value) {
-  char text[64];
-  std::snprintf(text, sizeof text, "%.2f", value);
-  return text;
-}
 
 PcmInput stream_input(std::istream& in, const PcmSourceInfo& info) {
   PcmInput input;
@@ -98,9 +81,7 @@ PcmInput flac_input(const std::string& path, const FlacStreamInfo& info) {
 
 void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
   refuse_unavailable_paths(options);
-  EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
-  const LoopTotals totals = run_encode_loop(loop, input.read);
-  print_summary(totals, input, options);
+  print_summary(encode_input(out, input, options), input, options);
 }
 
 void encode_stereo_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,

@@ -1,0 +1,37 @@
+// What the stereo and multichannel drivers share: running an input through
+// the frame loop, and the summary lines both print alike.
+#include <cstdio>
+#include <sstream>
+
+#include "app/drivers.h"
+
+namespace tavrin {
+
+std::string fixed2(double value) {
+  char text[64];
+  std::snprintf(text, sizeof text, "%.2f", value);
+  return text;
+}
+
+LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
+  EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
+  return run_encode_loop(loop, input.read);
+}
+
+std::string output_line(const LoopTotals& totals, std::uint32_t bitrate) {
+  std::ostringstream line;
+  line << "Output: " << bitrate << " bit/s nominal, " << totals.smallest;
+  if (totals.smallest != totals.largest) line << "-" << totals.largest;
+  line << " bytes/frame, " << totals.frames << " DTS frames\n";
+  return line.str();
+}
+
+std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate) {
+  const double realized = static_cast<double>(totals.total_bytes) * 8.0 * static_cast<double>(sample_rate) /
+                          (static_cast<double>(totals.frames) * static_cast<double>(kPcmFrameSamples));
+  std::ostringstream line;
+  line << "Realized average bitrate: " << fixed2(realized) << " bit/s\n";
+  return line.str();
+}
+
+}  // namespace tavrin
