@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
-#include <tuple>
 #include <string>
 #include <vector>
 
@@ -77,8 +76,8 @@ TEST(FlacEncode, SameStreamAsWave) {
   }
 }
 
-// Every refusal leaves the output empty: nothing is encoded from a file that
-// does not decode, and a missing library only stops FLAC input.
+// A file that does not decode leaves the output empty, and a missing library
+// stops FLAC input only. (Each FLAC message is checked by the input tests.)
 TEST(FlacEncode, RefusalsWriteNoFrame) {
   const fs::path dir = test::fresh_test_dir("flac-refusals");
   const fs::path good_wav = dir / "good.wav";
@@ -88,11 +87,6 @@ TEST(FlacEncode, RefusalsWriteNoFrame) {
   std::vector<char> bytes = read_file(good);
   for (std::size_t i = bytes.size() / 2; i < bytes.size() / 2 + 64; ++i) bytes[i] = static_cast<char>(bytes[i] ^ 0x5A);
   test::write_bytes(dir / "corrupt.flac", std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
-  for (const auto& [name, rate, channels] : {std::tuple{"mono", 48000u, 1u}, std::tuple{"hires", 96000u, 2u}}) {
-    const fs::path wav = dir / (std::string(name) + ".wav");
-    write_wav_file(wav.string(), tones(channels, rate, 8000), rate, SampleFormat::s16le);
-    flac_from_wav(wav);
-  }
   const fs::path empty_dir = dir / "no-library";
   fs::create_directories(empty_dir);
 
@@ -103,8 +97,6 @@ TEST(FlacEncode, RefusalsWriteNoFrame) {
   };
   const std::vector<Case> cases = {
       {"corrupt.flac", false, "libFLAC decode failed"},
-      {"mono.flac", false, "libFLAC decode failed"},
-      {"hires.flac", false, "libFLAC decode failed"},
       {"good.flac", true, "FLAC input requires libFLAC.so beside tavrin-dts or on the library path"},
       {"good.wav", true, ""},
   };
