@@ -1,4 +1,5 @@
-// Generated from the standard's tables; do not edit by hand.
+// Generated from the standard's tables by scripts/generate-tables; do not
+// edit by hand.
 #include "bitstream/lfe_scale_table.h"
 
 namespace tavrin {

@@ -1,4 +1,5 @@
-// Generated from the standard's tables; do not edit by hand.
+// Generated from the standard's tables by scripts/generate-tables; do not
+// edit by hand.
 #include "dsp/quant_tables.h"
 
 namespace tavrin {
