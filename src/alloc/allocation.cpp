@@ -8,7 +8,6 @@
 #include <stdexcept>
 
 #include "dsp/qmf_kernel.h"
-#include "dsp/quantizer_wide.h"
 
 namespace tavrin {
 
@@ -42,7 +41,7 @@ struct BandState {
 
 struct Frame {
   std::size_t channels = 0;
-  bool wide = false;  // the AVX2 error sum may be used
+  QuantErrorFn error8 = nullptr;  // the process's form of the error sum
   // Reciprocals that keep the two divisions of a step's quantizer off the
   // search's critical path: 1 / (levels * step size) per ABITS, and 1 /
   // scale factor and 1 / step size for the quantum's reciprocal.
@@ -95,10 +94,7 @@ bool evaluate_step(const Frame& frame, std::uint32_t index, const AllocationConf
       baseline_quantizer_by_reciprocal(band.peak, next, abits == 0 ? kNoScaleHint : band.scale_index,
                                        frame.inverse_unit[next]);
   // index * quantum is the decoder's value.
-  const double error =
-      frame.wide ? quantization_error8_avx2(x, q.quantum, frame.inverse_scale[q.scale_index] * frame.inverse_step[next],
-                                            q.abits)
-                 : quantization_error<kSamplesPerBand>(x, q);
+  const double error = frame.error8(x, q.quantum, frame.inverse_scale[q.scale_index] * frame.inverse_step[next], q.abits);
   const double dn = error / static_cast<double>(kSamplesPerBand);
   const std::uint32_t delta = frame.band_bits[next] - frame.band_bits[abits];
 
@@ -350,9 +346,8 @@ AllocationPlan allocate_with_scan(const std::vector<const double*>& channels, st
 
   Frame frame;
   frame.channels = nch;
-  // The error sum follows the process's choice of vector kernel; both forms
-  // give the same plan.
-  frame.wide = qmf_kernel().id == QmfKernelId::avx2;
+  // Every form of the error sum gives the same plan.
+  frame.error8 = qmf_kernel().quantization_error8;
   frame.band_bits = payload_costs().band_bits;
   for (unsigned a = 8; a < kStepSizeCount; ++a) {
     frame.inverse_unit[a] = 1.0 / (static_cast<double>((std::int32_t{1} << (a - 4)) - 1) * kStepSize[a]);

@@ -10,10 +10,13 @@ namespace tavrin {
 
 namespace {
 
-constexpr QmfKernel kKernels[] = {
-    {QmfKernelId::scalar, "scalar", qmf_multiply_scalar, qmf_multiply_batch_scalar},
-    {QmfKernelId::sse2, "sse2", qmf_multiply_sse2, qmf_multiply_batch_sse2},
-    {QmfKernelId::avx2, "avx2", qmf_multiply_avx2, qmf_multiply_batch_avx2},
+constexpr DspKernels kKernels[] = {
+    {QmfKernelId::scalar, "scalar", qmf_multiply_scalar, qmf_multiply_batch_scalar, quantization_error8_scalar,
+     adpcm_shortlist_scalar, adpcm_residuals_scalar},
+    {QmfKernelId::sse2, "sse2", qmf_multiply_sse2, qmf_multiply_batch_sse2, quantization_error8_sse2,
+     adpcm_shortlist_sse2, adpcm_residuals_sse2},
+    {QmfKernelId::avx2, "avx2", qmf_multiply_avx2, qmf_multiply_batch_avx2, quantization_error8_avx2,
+     adpcm_shortlist_avx2, adpcm_residuals_avx2},
 };
 
 bool offered(QmfKernelId id) {

@@ -6,6 +6,7 @@
 
 #include "bitstream/bit_writer.h"
 #include "bitstream/subframe.h"
+#include "dsp/qmf_kernel.h"
 #include "dsp/quant_tables.h"
 
 namespace tavrin {
@@ -66,5 +67,27 @@ unsigned nfe_width(unsigned abits) {
 void write_nfe(BitWriter& writer, std::int32_t index, unsigned abits) { write_nfe_sample(writer, index, abits); }
 
 void write_dsync(BitWriter& writer) { write_subframe_sync(writer); }
+
+}  // namespace tavrin
+
+namespace tavrin {
+
+// The reference form: one sample at a time, dividing.
+double quantization_error8_scalar(const double* x, double quantum, double, unsigned abits) {
+  double sum = 0.0;
+  for (std::size_t k = 0; k < 8; ++k) {
+    const double e = x[k] - quantized_units(x[k], quantum, abits) * quantum;
+    sum += e * e;
+  }
+  return sum;
+}
+
+// Two samples at a time where the build has SSE2 (quantized_units_n).
+double quantization_error8_sse2(const double* x, double quantum, double, unsigned abits) {
+  QuantizerChoice choice;
+  choice.abits = static_cast<std::uint8_t>(abits);
+  choice.quantum = quantum;
+  return quantization_error<8>(x, choice);
+}
 
 }  // namespace tavrin

@@ -110,10 +110,10 @@ inline double step_size(unsigned abits) {
   return kStepSize[abits];
 }
 
-// Round half to even on x / quantum, clamped to the index range of `abits`
-// (8..26), a NaN sample coding as 0; the result is an integral double.
-inline double quantized_units(double x, double quantum, unsigned abits) {
-  const double r = x / quantum;
+// Round half to even on r (a sample in quantizer units), clamped to the
+// index range of `abits` (8..26), NaN coding as 0; the result is an integral
+// double.
+inline double rounded_units(double r, unsigned abits) {
   const auto half = static_cast<double>(std::int32_t{1} << (abits - 4));
   // Clamping to integer bounds before rounding gives what rounding first
   // would, and keeps the value small enough for the 1.5 * 2^52 shift: the
@@ -124,6 +124,8 @@ inline double quantized_units(double x, double quantum, unsigned abits) {
   const double rounded = (clamped + kShift) - kShift;
   return r == r ? rounded : 0.0;
 }
+
+inline double quantized_units(double x, double quantum, unsigned abits) { return rounded_units(x / quantum, abits); }
 
 // Inline because the allocators call it for every sample of every step they
 // weigh.

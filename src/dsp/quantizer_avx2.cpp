@@ -1,4 +1,4 @@
-#include "dsp/quantizer_wide.h"
+#include "dsp/qmf_kernel.h"
 
 #include "dsp/qmf_kernel_x86.h"
 #if !defined(TAVRIN_QMF_X86)

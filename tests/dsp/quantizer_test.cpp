@@ -11,7 +11,7 @@
 #include "bitstream/bit_writer.h"
 #include "bitstream/test_util.h"
 #include "dsp/quant_tables.h"
-#include "dsp/quantizer_wide.h"
+#include "dsp/qmf_kernel.h"
 #include "platform/cpu_features.h"
 
 namespace tavrin {
@@ -110,7 +110,9 @@ TEST(Quantizer, ChoiceMatchesLinearScanOnEveryBoundary) {
 // Against libm: round half to even, clamp to the index range, NaN to 0.
 TEST(Quantizer, RoundingMatchesLibmEverywhere) {
   // The AVX2 error sum must agree bit for bit wherever it can run.
-  const bool avx2 = cpu_has_avx2();
+  std::vector<const QmfKernel*> kernels;
+  for (const QmfKernelId id : {QmfKernelId::scalar, QmfKernelId::sse2, QmfKernelId::avx2})
+    if (const QmfKernel* k = qmf_kernel_by_id(id)) kernels.push_back(k);
   std::mt19937_64 rng(7);
   std::uniform_real_distribution<double> unit(-1.2, 1.2);
   for (unsigned a = 8; a <= 26; ++a) {
@@ -136,9 +138,9 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
       }
       const double got = quantization_error<8>(x, q);
       ASSERT_TRUE(got == want || (std::isnan(got) && std::isnan(want))) << "abits " << a << " at " << i;
-      if (avx2) {
-        const double wide = quantization_error8_avx2(x, q.quantum, 1.0 / q.quantum, a);
-        ASSERT_TRUE(wide == want || (std::isnan(wide) && std::isnan(want))) << "avx2, abits " << a << " at " << i;
+      for (const QmfKernel* k : kernels) {
+        const double wide = k->quantization_error8(x, q.quantum, 1.0 / q.quantum, a);
+        ASSERT_TRUE(wide == want || (std::isnan(wide) && std::isnan(want))) << k->name << ", abits " << a << " at " << i;
       }
     }
   }
@@ -150,9 +152,7 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
   double want = 0.0;
   for (double v : near_ties) want += (v - quantize(v, q12) * q12.quantum) * (v - quantize(v, q12) * q12.quantum);
   EXPECT_EQ(quantization_error<8>(near_ties, q12), want);
-  if (avx2) {
-    EXPECT_EQ(quantization_error8_avx2(near_ties, q12.quantum, 1.0 / q12.quantum, 12), want);
-  }
+  for (const QmfKernel* k : kernels) EXPECT_EQ(k->quantization_error8(near_ties, q12.quantum, 1.0 / q12.quantum, 12), want);
   const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
   EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
