@@ -269,12 +269,16 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
 
 AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& channels, AllocationPlan& plan,
                                      FramePayload& payload, std::uint64_t budget_bits,
-                                     const AllocationConfig& config, AdpcmStreamState& /*state*/) {
+                                     const AllocationConfig& config, const PredictionConfig& prediction,
+                                     bool use_history, AdpcmStreamState& state) {
   AdpcmRateResult result;
   result.exchanges = refine_allocation(channels, plan, budget_bits, config);
   payload = payload_from_plan(channels, plan);
-  // Prediction is not used yet: every subband stays in direct coding.
-  result.payload_bits = plan.total_bits;
+  const PredictionResult stage = run_prediction_stage(channels, plan, payload, budget_bits - plan.total_bits,
+                                                      use_history, prediction, state.prediction);
+  result.payload_bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(plan.total_bits) + stage.bit_change);
+  result.predicted_subbands = stage.predicted;
+  result.reinvested_bits = stage.reinvested_bits;
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "alloc/allocation.h"
+#include "alloc/prediction_stage.h"
 #include "bitstream/subframe.h"
 
 namespace tavrin {
@@ -17,12 +18,14 @@ namespace tavrin {
 struct AdpcmStreamState {
   bool history_available = false;
   bool reset_pending = false;
+  PredictionHistory prediction;  // each subband's last reconstructed samples, as decoders hold them
 };
 
 struct AdpcmRateResult {
   std::uint64_t payload_bits = 0;  // the finished payload's size, as accounted
   std::uint32_t exchanges = 0;     // bit moves made by the refinement
   std::uint32_t predicted_subbands = 0;
+  std::uint32_t reinvested_bits = 0;
 };
 
 // Improves `plan` in place without exceeding `budget_bits`: with 8 samples
@@ -35,10 +38,12 @@ std::uint32_t refine_allocation(const std::vector<const double*>& channels, Allo
                                 std::uint64_t budget_bits, const AllocationConfig& config);
 
 // channels: one block of 1024 subband samples each (subframe s, sample k,
-// band b at s * 256 + k * 32 + b). Refines `plan` and makes `payload` from
-// it; both stay within `budget_bits`.
+// band b at s * 256 + k * 32 + b). Refines `plan`, makes `payload` from it
+// and lets the prediction stage revise it, all within `budget_bits`.
+// `use_history` is the frame's HFLAG.
 AdpcmRateResult allocate_adpcm_rates(const std::vector<const double*>& channels, AllocationPlan& plan,
                                      FramePayload& payload, std::uint64_t budget_bits,
-                                     const AllocationConfig& config, AdpcmStreamState& state);
+                                     const AllocationConfig& config, const PredictionConfig& prediction,
+                                     bool use_history, AdpcmStreamState& state);
 
 }  // namespace tavrin

@@ -45,8 +45,8 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
   AllocationPlan plan = allocate(channels, payload_budget, config.allocation, &psycho);
 
-  const AdpcmRateResult rate =
-      allocate_adpcm_rates(channels, plan, frame.payload, payload_budget, config.allocation, state.adpcm);
+  const AdpcmRateResult rate = allocate_adpcm_rates(channels, plan, frame.payload, payload_budget, config.allocation,
+                                                    config.prediction, header.hflag != 0, state.adpcm);
   // Writing the payload counts it, with the checks a count would make.
   write_payload(writer, frame.payload);
   if (writer.bit_count() - header_bits != rate.payload_bits) {

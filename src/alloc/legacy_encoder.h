@@ -22,6 +22,7 @@ AllocationConfig legacy_allocation_config();
 struct LegacyEncoderConfig {
   AllocationConfig allocation = legacy_allocation_config();
   PsychoConfig psycho = stereo_psycho_config();
+  PredictionConfig prediction = prediction_config_from_environment();
 };
 
 // Per-stream state; frames must be encoded strictly in order.

@@ -28,6 +28,9 @@ PayloadCosts measure_payload_costs() {
     one.subframes[0].abits[0][0] = static_cast<std::uint8_t>(a);
     costs.band_bits[a] = static_cast<std::uint32_t>(payload_bit_count(one) - costs.side_bits[1]);
   }
+  FramePayload predicted = blank_payload(1);
+  predicted.subframes[0].pmode[0][0] = 1;
+  costs.pvq_bits = static_cast<std::uint32_t>(payload_bit_count(predicted) - costs.side_bits[1]);
   return costs;
 }
 

@@ -24,6 +24,8 @@ struct PayloadCosts {
   // One band's scale index and eight samples at ABITS a; 0 for a silent
   // band (ABITS 1..7 are never used by these encoders and also hold 0).
   std::array<std::uint32_t, kMaxPlanAbits + 1> band_bits{};
+  // What a band's prediction adds: its coefficient index (PVQ).
+  std::uint32_t pvq_bits = 0;
 };
 
 const PayloadCosts& payload_costs();
