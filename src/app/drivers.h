@@ -22,7 +22,6 @@ struct PcmInput {
   std::uint32_t sample_rate = 0;
   std::string format_name;  // "s24le" for a stream, "<bits>-bit" for decoded audio
   std::string label;        // "WAVE", "WAVEFORMATEXTENSIBLE", "raw PCM", "FLAC"
-  std::uint64_t total_samples = 0;
   PcmReader read;
 };
 

@@ -13,8 +13,10 @@
 #include "app/options.h"
 #include "app/progress.h"
 #include "input/flac.h"
+#include "input/pcm_frames.h"
 #include "input/raw.h"
 #include "input/wave.h"
+#include "platform/files.h"
 
 namespace tavrin {
 
@@ -43,31 +45,64 @@ std::uint64_t stream_size(std::istream& in) {
   return static_cast<std::uint64_t>(end);
 }
 
-PcmSourceInfo describe_input(std::istream& in, const EncoderOptions& options) {
+PcmSourceInfo describe_input(std::istream& in, const EncoderOptions& options, bool pipe) {
   if (!options.raw) return open_wave(in);
   RawPcmDescription description;
   description.sample_rate = static_cast<std::uint32_t>(options.sampleRate);
   description.format = options.pcmFormat;
   description.layout = options.layout;
+  if (pipe) return open_raw_stream(description);
   PcmSourceInfo info = open_raw(stream_size(in), description);
   in.seekg(0, std::ios::beg);
   return info;
 }
 
 // The developer reference path of the matrix decoder: the whole payload in
-// memory, decoded in one piece.
+// memory, decoded in one piece. It grows with the audio actually read, never
+// with a size a header claims.
 PcmBuffer read_whole_pcm(std::istream& in, const PcmSourceInfo& info) {
-  const std::uint64_t bytes = frame_count(info) * frame_bytes(info);
-  std::vector<std::uint8_t> data(static_cast<std::size_t>(bytes));
-  in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(bytes));
-  if (static_cast<std::uint64_t>(in.gcount()) != bytes) throw std::runtime_error("unexpected end of PCM input");
   PcmBuffer buffer;
   buffer.sample_rate = info.sample_rate;
   buffer.bits_per_sample = bytes_per_sample(info.format) * 8;
   buffer.layout = info.layout;
-  buffer.channels = deinterleave_to_layout(data.data(), static_cast<std::size_t>(frame_count(info)), info.format,
-                                           info.layout, info.source_order);
+  buffer.channels.resize(info.layout.channel_count);
+  read_stream_frames(in, info, [&buffer](PcmFrame& frame) {
+    for (std::size_t c = 0; c < buffer.channels.size(); ++c) {
+      buffer.channels[c].insert(buffer.channels[c].end(), frame.channels[c].begin(),
+                                frame.channels[c].begin() + static_cast<std::ptrdiff_t>(frame.count));
+    }
+  });
   return buffer;
+}
+
+// Where the audio comes from. Checked before the output is created: an
+// output that names the input would otherwise be truncated before a byte
+// of it was read.
+struct InputSource {
+  bool standard_input = false;  // the path "-"
+  bool pipe = false;            // read to its end, never sought
+};
+
+InputSource check_input(const std::string& input_path, const std::string& output_path) {
+  InputSource source;
+  source.standard_input = input_path == "-";
+  const FileKind kind = source.standard_input ? standard_input_kind() : file_kind(input_path);
+  const std::string shown = source.standard_input ? "standard input" : input_path;
+  switch (kind) {
+    case FileKind::missing:  // the open reports it
+    case FileKind::regular:
+      break;
+    case FileKind::pipe:
+    case FileKind::socket:
+      source.pipe = true;
+      break;
+    default:
+      throw std::runtime_error("input is " + std::string(describe_file_kind(kind)) +
+                               ", not an audio file or pipe: " + shown);
+  }
+  const bool same = source.standard_input ? standard_input_is(output_path) : same_file(input_path, output_path);
+  if (same) throw std::runtime_error("output would overwrite the input: " + output_path);
+  return source;
 }
 
 // FLAC is decoded twice and never held whole: a checking pass reports
@@ -87,8 +122,9 @@ void run_flac(const std::string& input_path, std::ostream& out, const EncoderOpt
   }
 }
 
-void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, ProgressState& progress) {
-  const PcmSourceInfo info = describe_input(in, options);
+void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, bool pipe,
+                ProgressState& progress) {
+  const PcmSourceInfo info = describe_input(in, options, pipe);
   if (!validate_layout(info.layout)) throw std::runtime_error("unsupported channel layout");
   const std::string label = input_label(info);
   if (options.matrixDecode) {
@@ -124,6 +160,11 @@ int encode(int argc, char** argv) {
   ProgressState progress;
   progress.suppressed = options.quiet;
 
+  const InputSource source = check_input(input_path, output_path);
+  const bool flac = !source.standard_input && is_flac_name(input_path);
+  // FLAC is read twice (a checking pass, then the encoding pass).
+  if (flac && source.pipe) throw std::runtime_error("FLAC input must be a file, not a pipe: " + input_path);
+
   // Frames are collected in a large buffer and reach the file a few hundred
   // kilobytes at a time (see write_frame_bytes).
   std::vector<char> out_buffer(kStreamBufferBytes);
@@ -132,8 +173,11 @@ int encode(int argc, char** argv) {
   out.open(output_path, std::ios::binary | std::ios::trunc);
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
-  if (is_flac_name(input_path)) {
+  if (flac) {
     run_flac(input_path, out, options);
+  } else if (source.standard_input) {
+    use_binary_standard_input();
+    run_stream(std::cin, out, options, source.pipe, progress);
   } else {
     // A frame is only a few kilobytes of PCM; a larger buffer saves a
     // system call per frame.
@@ -142,7 +186,7 @@ int encode(int argc, char** argv) {
     in.rdbuf()->pubsetbuf(in_buffer.data(), static_cast<std::streamsize>(in_buffer.size()));
     in.open(input_path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot open input: " + input_path);
-    run_stream(in, out, options, progress);
+    run_stream(in, out, options, source.pipe, progress);
   }
   out.close();
   // Whatever the stream still held must reach the file too.

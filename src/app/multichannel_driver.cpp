@@ -12,7 +12,7 @@ namespace {
 
 void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOptions& options) {
   std::ostream& o = std::cout;
-  o << "Input: " << input.sample_rate << " Hz, " << input.layout.name << ", " << input.total_samples
+  o << "Input: " << input.sample_rate << " Hz, " << input.layout.name << ", " << s.samples
     << " samples/channel (" << input.label << ")\n";
   o << output_line(s, options.bitrate);
   o << "Path: adaptive multichannel Core (AMODE " << unsigned{input.layout.amode}

@@ -21,7 +21,7 @@ void refuse_unavailable_paths(const EncoderOptions& options) {
 
 void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOptions& options) {
   std::ostream& o = std::cout;
-  o << "Input: " << input.sample_rate << " Hz, " << input.format_name << ", stereo, " << input.total_samples
+  o << "Input: " << input.sample_rate << " Hz, " << input.format_name << ", stereo, " << s.samples
     << " samples (" << input.label << ")\n";
   o << output_line(s, options.bitrate);
   o << "Path: ";
@@ -52,7 +52,6 @@ PcmInput stream_input(std::istream& in, const PcmSourceInfo& info) {
   input.sample_rate = info.sample_rate;
   input.format_name = std::string(sample_format_name(info.format));
   input.label = input_label(info);
-  input.total_samples = frame_count(info);
   input.read = [&in, info](const PcmFrameSink& sink) { read_stream_frames(in, info, sink); };
   return input;
 }
@@ -63,7 +62,6 @@ PcmInput memory_input(const PcmBuffer& buffer, std::uint32_t sample_rate, const 
   input.sample_rate = sample_rate;
   input.format_name = std::to_string(buffer.bits_per_sample) + "-bit";
   input.label = label;
-  input.total_samples = buffer.channels.empty() ? 0 : buffer.channels[0].size();
   input.read = [&buffer](const PcmFrameSink& sink) { read_buffer_frames(buffer, sink); };
   return input;
 }
@@ -74,7 +72,6 @@ PcmInput flac_input(const std::string& path, const FlacStreamInfo& info) {
   input.sample_rate = info.sample_rate;
   input.format_name = std::to_string(info.bits_per_sample) + "-bit";
   input.label = "FLAC";
-  input.total_samples = info.total_samples;
   input.read = [path, info](const PcmFrameSink& sink) { read_flac_frames(path, info, sink); };
   return input;
 }

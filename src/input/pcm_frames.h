@@ -13,6 +13,7 @@
 namespace tavrin {
 
 inline constexpr std::size_t kPcmFrameSamples = 1024;
+inline constexpr char kUnexpectedPcmEnd[] = "unexpected end of PCM input";
 
 struct PcmFrame {
   // One vector per layout channel, coding order, each holding `count`
@@ -25,7 +26,9 @@ using PcmFrameSink = std::function<void(PcmFrame& frame)>;
 
 // The audio of an opened WAVE, RF64 or raw input, `in` standing at its first
 // byte: frame_count(info) sample frames, converted into coding order.
-// "unexpected end of PCM input" when the stream ends early.
+// "unexpected end of PCM input" when the stream ends early. With
+// info.until_end, everything up to the input's end, which must fall on a
+// sample frame.
 void read_stream_frames(std::istream& in, const PcmSourceInfo& info, const PcmFrameSink& sink);
 
 // A whole buffer, its channels already in coding order and equally long.

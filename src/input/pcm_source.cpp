@@ -14,7 +14,7 @@ std::uint64_t frame_bytes(const PcmSourceInfo& info) {
 
 std::uint64_t frame_count(const PcmSourceInfo& info) {
   const std::uint64_t per_frame = frame_bytes(info);
-  return per_frame == 0 ? 0 : info.data_bytes / per_frame;
+  return per_frame == 0 || info.until_end ? 0 : info.data_bytes / per_frame;
 }
 
 }  // namespace tavrin

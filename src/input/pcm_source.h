@@ -21,13 +21,16 @@ struct PcmSourceInfo {
   std::uint64_t data_bytes = 0;
   bool rf64 = false;
   bool raw = false;
+  // The input is a pipe whose length nobody stated: the audio runs to the
+  // input's end and data_bytes means nothing.
+  bool until_end = false;
 };
 
 // "raw PCM", "WAVEFORMATEXTENSIBLE" or "WAVE".
 std::string input_label(const PcmSourceInfo& info);
 // Bytes of one interleaved sample frame.
 std::uint64_t frame_bytes(const PcmSourceInfo& info);
-// Whole sample frames in the data (64-bit throughout).
+// Whole sample frames in the data (64-bit throughout); 0 when until_end.
 std::uint64_t frame_count(const PcmSourceInfo& info);
 
 struct PcmBuffer {

@@ -5,7 +5,9 @@
 
 namespace tavrin {
 
-PcmSourceInfo open_raw(std::uint64_t byte_count, const RawPcmDescription& description) {
+namespace {
+
+PcmSourceInfo describe_raw(const RawPcmDescription& description) {
   if (description.sample_rate != 44100 && description.sample_rate != 48000) {
     throw std::runtime_error("raw PCM sample rate must be 44100 or 48000");
   }
@@ -17,11 +19,6 @@ PcmSourceInfo open_raw(std::uint64_t byte_count, const RawPcmDescription& descri
     throw std::runtime_error("raw PCM source-order channel count mismatch");
   }
 
-  const std::uint64_t per_frame = std::uint64_t{bytes_per_sample(description.format)} * description.layout.channel_count;
-  if (per_frame == 0 || byte_count % per_frame != 0) {
-    throw std::runtime_error("raw PCM byte count is not whole interleaved frames");
-  }
-
   PcmSourceInfo info;
   info.format = description.format;
   info.channels = description.layout.channel_count;
@@ -29,8 +26,23 @@ PcmSourceInfo open_raw(std::uint64_t byte_count, const RawPcmDescription& descri
   info.layout = description.layout;
   info.source_order = std::move(order);
   info.data_offset = 0;
-  info.data_bytes = byte_count;
   info.raw = true;
+  return info;
+}
+
+}  // namespace
+
+PcmSourceInfo open_raw(std::uint64_t byte_count, const RawPcmDescription& description) {
+  PcmSourceInfo info = describe_raw(description);
+  const std::uint64_t per_frame = frame_bytes(info);
+  if (per_frame == 0 || byte_count % per_frame != 0) throw std::runtime_error(kRawPartialFrame);
+  info.data_bytes = byte_count;
+  return info;
+}
+
+PcmSourceInfo open_raw_stream(const RawPcmDescription& description) {
+  PcmSourceInfo info = describe_raw(description);
+  info.until_end = true;
   return info;
 }
 

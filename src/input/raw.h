@@ -18,5 +18,9 @@ struct RawPcmDescription {
 
 // `byte_count` is the whole file; the audio starts at offset 0.
 PcmSourceInfo open_raw(std::uint64_t byte_count, const RawPcmDescription& description);
+// The same checks for a pipe, whose length is known only at its end.
+PcmSourceInfo open_raw_stream(const RawPcmDescription& description);
+
+inline constexpr char kRawPartialFrame[] = "raw PCM byte count is not whole interleaved frames";
 
 }  // namespace tavrin

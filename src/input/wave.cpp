@@ -46,6 +46,15 @@ bool skip(Cursor& cursor, std::uint64_t count) {
   if (count == 0) return true;
   if (cursor.end) {
     if (cursor.pos > *cursor.end || count > *cursor.end - cursor.pos) return false;
+    // A seek throws the stream's buffer away and the next read refills all
+    // of it: a file of many tiny chunks would cost a refill per chunk.
+    // Bytes already buffered are stepped over in place.
+    const std::streamsize buffered = cursor.in.rdbuf()->in_avail();
+    if (buffered > 0 && count <= static_cast<std::uint64_t>(buffered)) {
+      cursor.in.ignore(static_cast<std::streamsize>(count));
+      cursor.pos += count;
+      return static_cast<std::uint64_t>(cursor.in.gcount()) == count;
+    }
     cursor.in.seekg(static_cast<std::streamoff>(cursor.pos + count));
     if (!cursor.in) return false;
     cursor.pos += count;
@@ -92,6 +101,12 @@ constexpr std::uint16_t kTagPcm = 1;
 constexpr std::uint16_t kTagFloat = 3;
 constexpr std::uint16_t kTagExtensible = 0xFFFE;
 constexpr std::uint32_t kRf64SizeInDs64 = 0xFFFFFFFF;
+
+// What a writer that cannot seek back (ffmpeg, sox, ... into a pipe) leaves
+// in place of a data size it did not know yet.
+bool is_placeholder_size(std::uint64_t size) {
+  return size == 0 || size == 0xFFFFFFFFu || size == ~std::uint64_t{0};
+}
 
 FmtFields parse_fmt(Cursor& cursor, std::uint32_t size) {
   if (size < 16) throw std::runtime_error("invalid WAVE fmt");
@@ -210,6 +225,10 @@ PcmSourceInfo open_wave(std::istream& stream) {
   info.data_offset = *data_offset;
   info.data_bytes = data_bytes;
   info.rf64 = rf64;
+  // On a pipe the only way to learn the length is to read to the end; a
+  // stated length is still honoured, and a file keeps every check.
+  info.until_end = !cursor.end && is_placeholder_size(data_bytes);
+  if (info.until_end) info.data_bytes = 0;
   // The walk stopped right after the data chunk header: the stream already
   // stands at the first audio byte.
   return info;

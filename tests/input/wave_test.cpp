@@ -106,5 +106,29 @@ TEST(Wave, SkipsChunksInPipesAndFiles) {
   std::filesystem::remove(path);
 }
 
+// Only a pipe may leave its length open, and only with the placeholders
+// writers use when they cannot seek back; any other stated size stands.
+TEST(Wave, PipesWithoutALengthReadToTheirEnd) {
+  const std::string plain = kStereo16 + "data";
+  const std::tuple<std::string, bool, bool, std::uint64_t> cases[] = {
+      {wave(plain + le(0xFFFFFFFF, 4)), true, true, 0},
+      {wave(plain + le(0, 4)), true, true, 0},
+      {wave(chunk("ds64", ds64_body(~std::uint64_t{0})) + plain + le(0xFFFFFFFF, 4), "RF64"), true, true, 0},
+      {wave(chunk("ds64", ds64_body(0)) + plain + le(0xFFFFFFFF, 4), "RF64"), true, true, 0},
+      {wave(plain + le(8, 4)), true, false, 8},
+      {wave(plain + le(0xFFFFFFFF, 4)), false, false, 0xFFFFFFFF},  // a file keeps its checks
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const auto& [bytes, is_pipe, until_end, data_bytes] = cases[i];
+    ForwardOnly forward_only(bytes + "\x11");
+    std::istringstream seekable(bytes + "\x11");
+    std::istream pipe(&forward_only);
+    std::istream& stream = is_pipe ? pipe : seekable;
+    const PcmSourceInfo info = open_wave(stream);
+    EXPECT_EQ(std::tuple(info.until_end, info.data_bytes), std::tuple(until_end, data_bytes)) << i;
+    EXPECT_EQ(stream.get(), 0x11) << i;
+  }
+}
+
 }  // namespace
 }  // namespace tavrin

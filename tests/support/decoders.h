@@ -45,6 +45,8 @@ inline std::filesystem::path fresh_test_dir(std::string_view prefix) { return ma
 
 // Writes bytes to path, replacing it; throws std::runtime_error on failure.
 void write_bytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes);
+// A whole file; throws std::runtime_error when it cannot be opened.
+std::vector<std::uint8_t> read_bytes(const std::filesystem::path& path);
 
 // ---- ffprobe ----------------------------------------------------------------
 
