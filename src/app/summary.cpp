@@ -2,6 +2,7 @@
 // the frame loop, and the summary lines both print alike.
 #include <cstdio>
 #include <sstream>
+#include <stdexcept>
 
 #include "app/drivers.h"
 
@@ -15,7 +16,12 @@ std::string fixed2(double value) {
 
 LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
   EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
-  return run_encode_loop(loop, input.read);
+  const LoopTotals totals = run_encode_loop(loop, input.read);
+  // A full disk shows only when the buffered frames reach it; the summary
+  // must not claim a stream that is not there.
+  out.flush();
+  if (!out) throw std::runtime_error("failed writing DTS output");
+  return totals;
 }
 
 std::string output_line(const LoopTotals& totals, std::uint32_t bitrate) {
