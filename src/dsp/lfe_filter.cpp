@@ -125,14 +125,27 @@ std::vector<double> fit_half_taps(const std::vector<GridPoint>& grid, double sam
   return b;
 }
 
+std::vector<double> design_taps(double rate) {
+  const std::vector<double> half = fit_half_taps(design_grid(rate), rate);
+  std::vector<double> taps(kLfeFilterTaps);
+  for (std::size_t k = 0; k <= kHalf; ++k) taps[kHalf + k] = taps[kHalf - k] = half[k];
+  return taps;
+}
+
 }  // namespace
 
 LfeFilter make_lfe_filter(std::uint32_t sample_rate) {
-  const auto rate = static_cast<double>(sample_rate);
-  const std::vector<double> half = fit_half_taps(design_grid(rate), rate);
+  // The fit is the same for every stream at a rate: made once per process.
   LfeFilter filter;
-  filter.taps.resize(kLfeFilterTaps);
-  for (std::size_t k = 0; k <= kHalf; ++k) filter.taps[kHalf + k] = filter.taps[kHalf - k] = half[k];
+  if (sample_rate == 44100) {
+    static const std::vector<double> taps = design_taps(44100.0);
+    filter.taps = taps;
+  } else if (sample_rate == 48000) {
+    static const std::vector<double> taps = design_taps(48000.0);
+    filter.taps = taps;
+  } else {
+    filter.taps = design_taps(static_cast<double>(sample_rate));
+  }
   filter.history.assign(kLfeFilterTaps - 1 + kLfeFrameSamples, 0.0);
   return filter;
 }

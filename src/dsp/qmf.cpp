@@ -184,7 +184,16 @@ void derive_qmf_analysis_bank(QmfAnalysisBank& bank, QmfPrototype h, const QmfKe
     throw std::runtime_error("DTS QMF derived analysis bank failed basis validation");
 }
 
-QmfAnalysisBank::QmfAnalysisBank() : QmfAnalysisBank(qmf_perfect_prototype(), qmf_kernel()) {}
+namespace {
+// Every stream's banks derive to the same matrices; deriving once per
+// process keeps opening a stream cheap (it dominated short encodes).
+const QmfAnalysisBank& default_bank() {
+  static const QmfAnalysisBank bank(qmf_perfect_prototype(), qmf_kernel());
+  return bank;
+}
+}  // namespace
+
+QmfAnalysisBank::QmfAnalysisBank() : QmfAnalysisBank(default_bank()) {}
 
 QmfAnalysisBank::QmfAnalysisBank(QmfPrototype prototype, const QmfKernel& kernel) {
   derive_qmf_analysis_bank(*this, prototype, kernel);
