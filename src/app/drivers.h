@@ -57,6 +57,8 @@ void encode_matrix_flac(std::ostream& out, const std::string& path, const FlacSt
 LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options);
 std::string output_line(const LoopTotals& totals, std::uint32_t bitrate);
 std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate);
+// The note that the level had to be lowered somewhere, or "" when it was not.
+std::string headroom_line(const LoopTotals& totals);
 std::string fixed2(double value);
 
 }  // namespace tavrin

@@ -42,6 +42,10 @@ void write_frame_bytes(std::ostream& out, const std::vector<std::uint8_t>& bytes
   if (!out) throw std::runtime_error("failed writing DTS output");
 }
 
+double* frame_lfe(PcmFrame& frame, const EncodeLoop& loop) {
+  return loop.lfe_slot < 0 ? nullptr : frame.channels[static_cast<std::size_t>(loop.lfe_slot)].data();
+}
+
 void count_frame(LoopTotals& t, const MadeFrame& made) {
   t.total_bytes += made.bytes.size();
   if (made.kind == FrameEncoderKind::span24) {
@@ -113,7 +117,12 @@ void encode_pcm_frame(EncodeLoop& loop, PcmFrame& frame) {
     loop.subbands[c] = analyse_frame(loop.banks[c], frame.channels[loop.primary_slots[c]].data());
     record.primary.push_back(loop.subbands[c].samples.data());
   }
-  if (loop.lfe_slot >= 0) record.lfe = frame.channels[static_cast<std::size_t>(loop.lfe_slot)].data();
+  double* const lfe = frame_lfe(frame, loop);
+  record.lfe = lfe;
+  if (apply_headroom(loop.headroom, loop.subbands, lfe)) {
+    ++totals.headroom_frames;
+    totals.headroom_least_gain = loop.headroom.least_gain;
+  }
   record.frame_bytes = next_frame_bytes(loop.sizer);
   totals.smallest = std::min(totals.smallest, record.frame_bytes);
   totals.largest = std::max(totals.largest, record.frame_bytes);

@@ -13,6 +13,7 @@
 #include "alloc/multichannel_encoder.h"
 #include "app/options.h"
 #include "bitstream/cbr_sizer.h"
+#include "dsp/headroom.h"
 #include "dsp/qmf.h"
 #include "input/layout.h"
 #include "input/pcm_frames.h"
@@ -33,6 +34,8 @@ struct LoopTotals {
   std::uint64_t active_min = 0;
   std::uint64_t active_total = 0;
   std::uint64_t active_max = 0;
+  std::uint64_t headroom_frames = 0;  // frames whose level had to be lowered
+  double headroom_least_gain = 1.0;
 };
 
 // The stereo frame dispatcher with its stream state.
@@ -55,6 +58,7 @@ struct EncodeLoop {
   CbrFrameSizer sizer;
   std::unique_ptr<QmfAnalysisBank[]> banks;  // large: kept off the stack
   std::vector<SubbandBlock> subbands;
+  HeadroomState headroom;
   std::variant<StereoFrameEncoder, MultichannelFrameEncoder> encoder;
   std::ostream* out = nullptr;
   LoopTotals totals;

@@ -23,6 +23,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
       << fixed2(static_cast<double>(s.active_total) / static_cast<double>(s.frames)) << "/" << s.active_max << "\n";
   }
   if (s.padding != 0) o << "Final frame zero-padded by " << s.padding << " samples/channel\n";
+  o << headroom_line(s);
   o.flush();
 }
 

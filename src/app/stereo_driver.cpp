@@ -41,6 +41,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
       << ", reinvested bits: " << s.span24_reinvested_bits << "\n";
   }
   if (s.padding != 0) o << "Final frame zero-padded by " << s.padding << " samples/channel\n";
+  o << headroom_line(s);
   o.flush();
 }
 

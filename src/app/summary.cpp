@@ -1,5 +1,6 @@
 // What the stereo and multichannel drivers share: running an input through
 // the frame loop, and the summary lines both print alike.
+#include <cmath>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
@@ -30,6 +31,12 @@ std::string output_line(const LoopTotals& totals, std::uint32_t bitrate) {
   if (totals.smallest != totals.largest) line << "-" << totals.largest;
   line << " bytes/frame, " << totals.frames << " DTS frames\n";
   return line.str();
+}
+
+std::string headroom_line(const LoopTotals& totals) {
+  if (totals.headroom_frames == 0) return "";
+  return "Headroom: level lowered by up to " + fixed2(-20.0 * std::log10(totals.headroom_least_gain)) + " dB in " +
+         std::to_string(totals.headroom_frames) + " frames; the input's peaks exceed what DTS decoders carry\n";
 }
 
 std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate) {

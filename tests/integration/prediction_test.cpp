@@ -124,20 +124,6 @@ double agreement_db(const std::vector<double>& a, const std::vector<float>& b) {
   return 10.0 * std::log10(aa / std::max(ee, 1e-300));
 }
 
-std::vector<float> dcadec_float_channel(const std::string& planar, std::size_t channel) {
-  // 256-sample blocks, one per channel in turn.
-  std::vector<float> out;
-  const std::size_t block = 256 * sizeof(float);
-  for (std::size_t at = channel * block; at + block <= planar.size(); at += 2 * block) {
-    for (std::size_t i = 0; i < 256; ++i) {
-      float v;
-      std::memcpy(&v, planar.data() + at + i * sizeof(float), sizeof v);
-      out.push_back(v);
-    }
-  }
-  return out;
-}
-
 TEST(Prediction, DecodersReconstructWhatTheEncoderModels) {
   const fs::path dir = test::fresh_test_dir("prediction-model");
   const Channels source = make(48000 * 2, [](std::size_t ch, double t) { return harmonic(880.0 + 110.0 * ch, t, 0.3); });
@@ -174,7 +160,7 @@ TEST(Prediction, DecodersReconstructWhatTheEncoderModels) {
   const test::DcadecResult dca = test::run_dcadec(stream0, "float");
   ASSERT_TRUE(ffmpeg0.clean() && dca.clean()) << dca.errors;
   for (std::size_t c = 0; c < 2; ++c) {
-    const std::vector<float> d = dcadec_float_channel(dca.run.out, c);
+    const std::vector<float> d = test::dcadec_float_channel(dca.run.out, c);
     const std::vector<double> f(ffmpeg0.channels[c].begin(), ffmpeg0.channels[c].end());
     const double db = agreement_db(f, d);
     EXPECT_GT(db, 50.0) << c;

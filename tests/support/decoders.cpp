@@ -215,4 +215,17 @@ DcadecResult run_dcadec(const std::filesystem::path& file, std::string_view mode
   return result;
 }
 
+std::vector<float> dcadec_float_channel(const std::string& planar, std::size_t channel) {
+  std::vector<float> out;
+  const std::size_t block = 256 * sizeof(float);
+  for (std::size_t at = channel * block; at + block <= planar.size(); at += 2 * block) {
+    for (std::size_t i = 0; i < 256; ++i) {
+      float v;
+      std::memcpy(&v, planar.data() + at + i * sizeof(float), sizeof v);
+      out.push_back(v);
+    }
+  }
+  return out;
+}
+
 }  // namespace tavrin::test

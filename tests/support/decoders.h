@@ -90,4 +90,8 @@ struct DcadecResult {
 // "float" for raw planar float32, "null" to decode without output.
 DcadecResult run_dcadec(const std::filesystem::path& file, std::string_view mode = "wav");
 
+// One channel of a stereo `dcadec -o float` output (raw float32 in planar
+// blocks of 256 samples, the channels' blocks in turn).
+std::vector<float> dcadec_float_channel(const std::string& planar, std::size_t channel);
+
 }  // namespace tavrin::test
