@@ -193,18 +193,26 @@ PredictionDecision design_predictor(const double* x, std::size_t n, const Predic
   return d;
 }
 
-PredictionDecision decide_prediction(const double* x, std::size_t n, const PredictorConfig& config,
-                                     std::size_t shortlist_length, AdpcmShortlistWork* work) {
-  PredictionDecision d = design_predictor(x, n, config);
-  if (!d.ls_usable) return d;
-  const PvqChoice choice =
-      select_pvq(x, n, d.ls_coefficients, kAdpcmVq.data(), kAdpcmVqEntries, shortlist_length, work);
+namespace {
+// The decision once a table entry is chosen: prediction pays when the entry
+// gains at least the configured minimum.
+void take_choice(PredictionDecision& d, const PvqChoice& choice, const PredictorConfig& config) {
   d.chosen = true;
   d.pvq = choice.pvq;
   d.coefficients = adpcm_vq_entry(choice.pvq);
   d.residual = choice.residual;
   d.gain_db = choice.gain_db;
   d.pmode = d.gain_db >= config.min_gain_db ? 1 : 0;
+}
+}  // namespace
+
+PredictionDecision decide_prediction(const double* x, std::size_t n, const PredictorConfig& config,
+                                     std::size_t shortlist_length, AdpcmShortlistWork* work) {
+  PredictionDecision d = design_predictor(x, n, config);
+  if (!d.ls_usable) return d;
+  const PvqChoice choice =
+      select_pvq(x, n, d.ls_coefficients, kAdpcmVq.data(), kAdpcmVqEntries, shortlist_length, work);
+  take_choice(d, choice, config);
   return d;
 }
 
@@ -260,12 +268,7 @@ PredictionDecision decide_prediction_cached(const double* x, std::size_t n, cons
     cache.valid = true;
   }
   const PvqChoice choice = select_among(x, n, cache.list.data(), cache.list.size());
-  d.chosen = true;
-  d.pvq = choice.pvq;
-  d.coefficients = adpcm_vq_entry(choice.pvq);
-  d.residual = choice.residual;
-  d.gain_db = choice.gain_db;
-  d.pmode = d.gain_db >= config.min_gain_db ? 1 : 0;
+  take_choice(d, choice, config);
   cache.predicted = d.pmode != 0;
   return d;
 }

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "alloc/plan_payload.h"
 #include "bitstream/cbr_sizer.h"
 #include "bitstream/frame.h"
 #include "dsp/adpcm.h"
@@ -40,17 +41,7 @@ std::vector<std::uint8_t> constant_band_stream(std::int64_t value) {
     f.header.frame_bytes = size;
     f.header.vernum = 7;
     f.header.pcm_bits = 24;
-    PrimaryHeader& h = f.payload.header;
-    h.subfs = 4;
-    for (int c = 0; c < 2; ++c) {
-      h.subs.push_back(32);
-      h.vqsub.push_back(32);
-      h.joinx.push_back(0);
-      h.thuff.push_back(0);
-      h.shuff.push_back(5);
-      h.bhuff.push_back(6);
-      h.sel.push_back({1, 3, 3, 3, 3, 7, 7, 7, 7, 7});
-    }
+    f.payload.header = legacy_primary_header(2);  // four subframes, 32 linear-coded bands
     for (int k = 0; k < 4; ++k) {
       Subframe s = blank_subframe(2, 32);
       for (int c = 0; c < 2; ++c) {
