@@ -1,19 +1,17 @@
 #pragma once
-// What the fuzz targets share: a stream that cannot seek (a pipe), and a
-// byte reader that hands out the fuzzer's choices and then the rest.
+// What the fuzz targets share: the tests' stream that cannot seek (a pipe),
+// and a byte reader that hands out the fuzzer's choices and then the rest.
 #include <cstddef>
 #include <cstdint>
 #include <istream>
 #include <sstream>
 #include <string>
 
+#include "support/forward_only.h"
+
 namespace tavrin::fuzz {
 
-struct ForwardOnly : std::stringbuf {
-  using std::stringbuf::stringbuf;
-  pos_type seekoff(off_type, std::ios::seekdir, std::ios::openmode) override { return pos_type(-1); }
-  pos_type seekpos(pos_type, std::ios::openmode) override { return pos_type(-1); }
-};
+using test::ForwardOnly;
 
 struct Bytes {
   const std::uint8_t* data;

@@ -119,10 +119,7 @@ void encode_pcm_frame(EncodeLoop& loop, PcmFrame& frame) {
   }
   double* const lfe = frame_lfe(frame, loop);
   record.lfe = lfe;
-  if (apply_headroom(loop.headroom, loop.subbands, lfe)) {
-    ++totals.headroom_frames;
-    totals.headroom_least_gain = loop.headroom.least_gain;
-  }
+  apply_headroom(loop.headroom, loop.subbands, lfe);
   record.frame_bytes = next_frame_bytes(loop.sizer);
   totals.smallest = std::min(totals.smallest, record.frame_bytes);
   totals.largest = std::max(totals.largest, record.frame_bytes);
@@ -135,6 +132,8 @@ void encode_pcm_frame(EncodeLoop& loop, PcmFrame& frame) {
 LoopTotals finish_encode_loop(const EncodeLoop& loop) {
   LoopTotals totals = loop.totals;
   if (totals.frames == 0) totals.smallest = totals.largest = loop.sizer.base_bytes;
+  totals.headroom_frames = loop.headroom.frames_lowered;
+  totals.headroom_least_gain = loop.headroom.least_gain;
   return totals;
 }
 

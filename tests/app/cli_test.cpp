@@ -15,11 +15,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-test::CommandResult tavrin(std::vector<std::string> args) {
-  args.insert(args.begin(), TAVRIN_BINARY);
-  return test::run_command(args);
-}
-
 // Option errors come before the output is created; later ones leave it behind
 // with whatever frames were finished.
 TEST(Cli, StatusesOutputAndMessages) {
@@ -70,7 +65,7 @@ TEST(Cli, StatusesOutputAndMessages) {
   for (const auto& [args, status, output, error, bytes] : cases) {
     SCOPED_TRACE((args.empty() ? "" : args.back()) + " " + error);
     fs::remove(out);
-    const auto r = tavrin(args);
+    const auto r = test::run_tavrin(args);
     EXPECT_EQ(r.exit_status, status);
     EXPECT_EQ(r.out, output);
     EXPECT_EQ(r.err, error.empty() ? "" : "Tavrin-DTS: " + error + "\n");

@@ -7,9 +7,12 @@
 #include <tuple>
 
 #include "input/wave.h"
+#include "support/forward_only.h"
 
 namespace tavrin {
 namespace {
+
+using test::ForwardOnly;
 
 std::string le(std::uint64_t value, int bytes) {
   return bytes == 0 ? "" : static_cast<char>(value & 0xFF) + le(value >> 8, bytes - 1);
@@ -34,12 +37,6 @@ std::string wave(const std::string& chunks, const char* container = "RIFF") {
 const std::string kStereo16 = chunk("fmt ", fmt_body(1, 2, 48000, 4, 16));
 const std::string kData = chunk("data", std::string(8, '\x11'));
 std::string with_fmt(const std::string& body) { return wave(chunk("fmt ", body) + kData); }
-
-struct ForwardOnly : std::stringbuf {
-  using std::stringbuf::stringbuf;
-  pos_type seekoff(off_type, std::ios::seekdir, std::ios::openmode) override { return pos_type(-1); }
-  pos_type seekpos(pos_type, std::ios::openmode) override { return pos_type(-1); }
-};
 
 std::string message_of(std::istream&& stream) try {
   open_wave(stream);

@@ -6,8 +6,6 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,11 +26,6 @@ Channels tones(std::size_t channels, std::uint32_t rate, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i)
       c[ch][i] = 0.4 * std::sin(2 * M_PI * (70.0 + 530.0 * static_cast<double>(ch)) * static_cast<double>(i) / rate);
   return c;
-}
-
-std::vector<char> read_file(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 fs::path flac_from_wav(const fs::path& wav) {
@@ -59,8 +52,8 @@ TEST(FlacEncode, SameStreamAsWave) {
         const auto w = test::run_command({TAVRIN_BINARY, wav.string(), from_wav.string(), "-b", "1024"});
         const auto f = test::run_command({TAVRIN_BINARY, flac.string(), from_flac.string(), "-b", "1024"});
         ASSERT_EQ(f.exit_status, 0) << f.err;
-        EXPECT_EQ(read_file(from_flac), read_file(from_wav));
-        EXPECT_FALSE(read_file(from_flac).empty());
+        EXPECT_EQ(test::read_bytes(from_flac), test::read_bytes(from_wav));
+        EXPECT_FALSE(test::read_bytes(from_flac).empty());
         // Only the input line differs: the label, and for stereo the format.
         auto wav_lines = test::lines(w.out), flac_lines = test::lines(f.out);
         ASSERT_EQ(flac_lines.size(), wav_lines.size());
@@ -84,9 +77,9 @@ TEST(FlacEncode, RefusalsWriteNoFrame) {
   write_wav_file(good_wav.string(), tones(2, 48000, 8000), 48000, SampleFormat::s16le);
   const fs::path good = flac_from_wav(good_wav);
   // Damage in the middle of the audio frames: their checksums fail.
-  std::vector<char> bytes = read_file(good);
-  for (std::size_t i = bytes.size() / 2; i < bytes.size() / 2 + 64; ++i) bytes[i] = static_cast<char>(bytes[i] ^ 0x5A);
-  test::write_bytes(dir / "corrupt.flac", std::vector<std::uint8_t>(bytes.begin(), bytes.end()));
+  std::vector<std::uint8_t> bytes = test::read_bytes(good);
+  for (std::size_t i = bytes.size() / 2; i < bytes.size() / 2 + 64; ++i) bytes[i] ^= 0x5A;
+  test::write_bytes(dir / "corrupt.flac", bytes);
   const fs::path empty_dir = dir / "no-library";
   fs::create_directories(empty_dir);
 

@@ -35,11 +35,6 @@ test::CommandResult shell(const std::string& line) {
   return test::run_command({"sh", "-c", "T=" + std::string(TAVRIN_BINARY) + "; " + line});
 }
 
-test::CommandResult tavrin(std::vector<std::string> args) {
-  args.insert(args.begin(), TAVRIN_BINARY);
-  return test::run_command(args);
-}
-
 std::vector<std::vector<double>> tones(std::size_t channels, std::size_t n) {
   std::vector<std::vector<double>> c(channels, std::vector<double>(n));
   for (std::size_t ch = 0; ch < channels; ++ch)
@@ -78,7 +73,7 @@ TEST(InputSafety, AnOutputThatIsTheInputIsRefusedAndTheInputKept) {
     SCOPED_TRACE(c.input.string() + " -> " + c.output);
     std::vector<std::string> args = {c.input.string(), c.output};
     if (c.raw) args.insert(args.end(), kRawStereo24.begin(), kRawStereo24.end());
-    const auto r = tavrin(args);
+    const auto r = test::run_tavrin(args);
     EXPECT_EQ(r.exit_status, 1);
     EXPECT_EQ(r.out, "");
     EXPECT_EQ(r.err, error_line("output would overwrite the input: " + c.output));
@@ -173,7 +168,7 @@ TEST(InputSafety, InputsThatAreNotFilesAreRefused) {
     for (const bool raw : {false, true}) {
       std::vector<std::string> args = {c.input, out.string()};
       if (raw) args.insert(args.end(), kRawStereo24.begin(), kRawStereo24.end());
-      const auto r = tavrin(args);
+      const auto r = test::run_tavrin(args);
       EXPECT_EQ(r.exit_status, 1);
       EXPECT_EQ(r.err, error_line(c.message));
       EXPECT_FALSE(fs::exists(out)) << "an output was created for " << c.input;
@@ -197,7 +192,7 @@ TEST(InputSafety, AHeaderClaimingGigabytesCostsNoMemory) {
   const std::uint32_t claim = 0xFFFFFFF0u;  // about 4 GB of audio that is not there
   for (int i = 0; i < 4; ++i) bytes[40 + i] = static_cast<std::uint8_t>(claim >> (8 * i));
   test::write_bytes(dir / "claim.wav", bytes);
-  const auto r = tavrin({(dir / "claim.wav").string(), (dir / "out.dts").string(), "--matrix-decode",
+  const auto r = test::run_tavrin({(dir / "claim.wav").string(), (dir / "out.dts").string(), "--matrix-decode",
                          "--dev-matrix-memory-reference"});
   EXPECT_EQ(r.exit_status, 1);
   EXPECT_EQ(r.err, error_line("unexpected end of PCM input"));
@@ -212,7 +207,7 @@ TEST(InputSafety, ManyTinyChunksAreSkippedInTimeWithTheirBytes) {
   for (std::size_t i = 0; i < chunks; ++i) bytes.insert(bytes.end(), {'j', 'u', 'n', 'k', 2, 0, 0, 0, 0, 0});
   test::write_bytes(dir / "chunks.wav", bytes);
   const auto start = std::chrono::steady_clock::now();
-  const auto r = tavrin({(dir / "chunks.wav").string(), (dir / "out.dts").string()});
+  const auto r = test::run_tavrin({(dir / "chunks.wav").string(), (dir / "out.dts").string()});
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_EQ(r.exit_status, 1);
   EXPECT_EQ(r.err, error_line("unexpected end of PCM/WAVE file"));

@@ -42,6 +42,13 @@ std::filesystem::path make_temp_dir(const std::filesystem::path& base, std::stri
 // this wrapper lives in the header).
 inline std::filesystem::path fresh_test_dir(std::string_view prefix) { return make_temp_dir(TAVRIN_TEST_TMP, prefix); }
 #endif
+#ifdef TAVRIN_BINARY
+// The encoder under test, run with these arguments.
+inline CommandResult run_tavrin(std::vector<std::string> args) {
+  args.insert(args.begin(), TAVRIN_BINARY);
+  return run_command(args);
+}
+#endif
 
 // Writes bytes to path, replacing it; throws std::runtime_error on failure.
 void write_bytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes);
