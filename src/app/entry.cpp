@@ -16,6 +16,7 @@
 #include "input/pcm_frames.h"
 #include "input/raw.h"
 #include "input/wave.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 
 namespace tavrin {
@@ -108,27 +109,40 @@ InputSource check_input(const std::string& input_path, const std::string& output
 // FLAC is decoded twice and never held whole: a checking pass reports
 // every failure before the output gets a single frame, then the encoding
 // pass feeds the frame loop.
-void run_flac(const std::string& input_path, std::ostream& out, const EncoderOptions& options) {
+// The plain stereo and multichannel encodes draw their progress line only
+// for a person watching: a file or a pipe gets the summary lines alone.
+ProgressState* plain_progress(ProgressState& progress, bool output_is_terminal) {
+  return output_is_terminal ? &progress : nullptr;
+}
+
+void run_flac(const std::string& input_path, std::ostream& out, const EncoderOptions& options,
+              ProgressState& progress) {
   if (options.raw) throw std::runtime_error("--raw cannot be used with FLAC input");
   const FlacStreamInfo info = check_flac_file(input_path);
+  ProgressState* const plain = plain_progress(progress, standard_output_is_terminal());
   if (options.matrixDecode) {
-    encode_matrix_flac(out, input_path, info, options);
+    encode_matrix_flac(out, input_path, info, options, progress);
   } else if (has_bass_options(options)) {
     throw std::runtime_error("bass-management options require --matrix-decode in Tavrin-DTS Phase91");
   } else if (info.layout.name == "2.0") {
-    encode_stereo(out, flac_input(input_path, info), options);
+    encode_stereo(out, flac_input(input_path, info), options, plain);
   } else {
-    encode_multichannel(out, flac_input(input_path, info), options);
+    encode_multichannel(out, flac_input(input_path, info), options, plain);
   }
 }
 
-void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, bool pipe,
-                ProgressState& progress) {
-  const PcmSourceInfo info = describe_input(in, options, pipe);
+void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, const InputSource& source,
+                const std::string& shown_path, ProgressState& progress) {
+  const PcmSourceInfo info = describe_input(in, options, source.pipe);
   if (!validate_layout(info.layout)) throw std::runtime_error("unsupported channel layout");
   const std::string label = input_label(info);
+  ProgressState* const plain = plain_progress(progress, standard_output_is_terminal());
   if (options.matrixDecode) {
     if (!options.devMatrixMemoryReference) {
+      // Its analysis passes read the input again from the start.
+      if (source.pipe && info.layout.name == "2.0") {
+        throw std::runtime_error("--matrix-decode input must be a file, not a pipe: " + shown_path);
+      }
       encode_matrix_stream(in, out, info, options, label, progress);
       return;
     }
@@ -138,11 +152,11 @@ void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& optio
     return;
   }
   if (info.layout.name == "2.0") {
-    encode_stereo_stream(in, out, info, options);
+    encode_stereo_stream(in, out, info, options, plain);
     return;
   }
   if (has_bass_options(options)) throw std::runtime_error("bass-management options require --matrix-decode");
-  encode_multichannel_stream(in, out, info, options);
+  encode_multichannel_stream(in, out, info, options, plain);
 }
 
 int encode(int argc, char** argv) {
@@ -174,10 +188,10 @@ int encode(int argc, char** argv) {
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
   if (flac) {
-    run_flac(input_path, out, options);
+    run_flac(input_path, out, options, progress);
   } else if (source.standard_input) {
     use_binary_standard_input();
-    run_stream(std::cin, out, options, source.pipe, progress);
+    run_stream(std::cin, out, options, source, "standard input", progress);
   } else {
     // A frame is only a few kilobytes of PCM; a larger buffer saves a
     // system call per frame.
@@ -186,16 +200,12 @@ int encode(int argc, char** argv) {
     in.rdbuf()->pubsetbuf(in_buffer.data(), static_cast<std::streamsize>(in_buffer.size()));
     in.open(input_path, std::ios::binary);
     if (!in) throw std::runtime_error("cannot open input: " + input_path);
-    run_stream(in, out, options, source.pipe, progress);
+    run_stream(in, out, options, source, input_path, progress);
   }
   out.close();
   // Whatever the stream still held must reach the file too.
   if (out.fail()) throw std::runtime_error("failed writing DTS output");
-  if (progress.lineOpen) {
-    std::cout << '\n';
-    std::cout.flush();
-    progress.lineOpen = false;
-  }
+  close_progress_line(progress, std::cout);
   return 0;
 }
 

@@ -137,9 +137,4 @@ LoopTotals finish_encode_loop(const EncodeLoop& loop) {
   return totals;
 }
 
-LoopTotals run_encode_loop(EncodeLoop& loop, const PcmReader& read) {
-  read([&loop](PcmFrame& frame) { encode_pcm_frame(loop, frame); });
-  return finish_encode_loop(loop);
-}
-
 }  // namespace tavrin

@@ -78,8 +78,7 @@ void encode_pcm_frame(EncodeLoop& loop, PcmFrame& frame);
 // reported is the stream's base size).
 LoopTotals finish_encode_loop(const EncodeLoop& loop);
 
-// Pushes frames of a PCM reader into the loop.
+// Pushes every frame of an input into a sink.
 using PcmReader = std::function<void(const PcmFrameSink&)>;
-LoopTotals run_encode_loop(EncodeLoop& loop, const PcmReader& read);
 
 }  // namespace tavrin

@@ -29,17 +29,18 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
 
 }  // namespace
 
-void encode_multichannel(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
+void encode_multichannel(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
+                          ProgressState* progress) {
   if (options.legacy || options.productionCandidate || options.span24Given) {
     throw std::runtime_error("--legacy, --production-candidate and --experimental-span24 are stereo-only");
   }
   if (!validate_layout(input.layout)) throw std::runtime_error("invalid multichannel layout");
-  print_summary(encode_input(out, input, options), input, options);
+  print_summary(encode_input(out, input, options, progress), input, options);
 }
 
 void encode_multichannel_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,
-                                const EncoderOptions& options) {
-  encode_multichannel(out, stream_input(in, info), options);
+                                const EncoderOptions& options, ProgressState* progress) {
+  encode_multichannel(out, stream_input(in, info), options, progress);
 }
 
 void encode_multichannel_memory(std::ostream& out, const PcmBuffer& buffer, std::uint32_t sample_rate,

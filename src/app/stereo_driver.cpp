@@ -53,6 +53,7 @@ PcmInput stream_input(std::istream& in, const PcmSourceInfo& info) {
   input.sample_rate = info.sample_rate;
   input.format_name = std::string(sample_format_name(info.format));
   input.label = input_label(info);
+  input.total_samples = frame_count(info);
   input.read = [&in, info](const PcmFrameSink& sink) { read_stream_frames(in, info, sink); };
   return input;
 }
@@ -63,6 +64,7 @@ PcmInput memory_input(const PcmBuffer& buffer, std::uint32_t sample_rate, const 
   input.sample_rate = sample_rate;
   input.format_name = std::to_string(buffer.bits_per_sample) + "-bit";
   input.label = label;
+  input.total_samples = buffer.channels.empty() ? 0 : buffer.channels[0].size();
   input.read = [&buffer](const PcmFrameSink& sink) { read_buffer_frames(buffer, sink); };
   return input;
 }
@@ -73,18 +75,20 @@ PcmInput flac_input(const std::string& path, const FlacStreamInfo& info) {
   input.sample_rate = info.sample_rate;
   input.format_name = std::to_string(info.bits_per_sample) + "-bit";
   input.label = "FLAC";
+  input.total_samples = info.total_samples;
   input.read = [path, info](const PcmFrameSink& sink) { read_flac_frames(path, info, sink); };
   return input;
 }
 
-void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
+void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
+                    ProgressState* progress) {
   refuse_unavailable_paths(options);
-  print_summary(encode_input(out, input, options), input, options);
+  print_summary(encode_input(out, input, options, progress), input, options);
 }
 
 void encode_stereo_stream(std::istream& in, std::ostream& out, const PcmSourceInfo& info,
-                          const EncoderOptions& options) {
-  encode_stereo(out, stream_input(in, info), options);
+                          const EncoderOptions& options, ProgressState* progress) {
+  encode_stereo(out, stream_input(in, info), options, progress);
 }
 
 void encode_stereo_memory(std::ostream& out, const PcmBuffer& buffer, std::uint32_t sample_rate,

@@ -15,14 +15,21 @@ std::string fixed2(double value) {
   return text;
 }
 
-LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options) {
-  EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
-  const LoopTotals totals = run_encode_loop(loop, input.read);
-  // A full disk shows only when the buffered frames reach it; the summary
-  // must not claim a stream that is not there.
+void finish_output(std::ostream& out) {
+  // The summary must not claim a stream that is not there.
   out.flush();
   if (!out) throw std::runtime_error("failed writing DTS output");
-  return totals;
+}
+
+LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
+                        ProgressState* progress) {
+  EncodeLoop loop = open_encode_loop(out, input.layout, input.sample_rate, options);
+  input.read([&](PcmFrame& frame) {
+    encode_pcm_frame(loop, frame);
+    if (progress != nullptr) update_progress(*progress, kEncodingLabel, loop.totals.samples, input.total_samples);
+  });
+  finish_output(out);
+  return finish_encode_loop(loop);
 }
 
 std::string output_line(const LoopTotals& totals, std::uint32_t bitrate) {
