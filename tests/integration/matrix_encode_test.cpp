@@ -1,0 +1,297 @@
+// --matrix-decode end to end: the real program makes a 5.1 stream from a
+// stereo file, the decoders play it, and every speaker carries what the
+// matrix (and bass management) put there: centre-panned sound in the
+// centre, out-of-phase sound in both surrounds after the rear delay, bass in
+// the LFE only when bass management is on. The expected bed comes from the
+// library's own decoder, so each channel is also held to unity gain.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include "matrix/bed.h"
+#include "support/decoders.h"
+#include "support/measure.h"
+#include "support/wav_writer.h"
+
+namespace tavrin {
+namespace {
+
+namespace fs = std::filesystem;
+using test::Channels;
+
+constexpr std::size_t kDelay = 480;
+enum Bed : std::size_t { L, R, C, LFE, LS, RS };
+
+double tone(double hz, std::size_t i, std::uint32_t rate) {
+  return std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(i) / rate);
+}
+
+Channels stereo(std::size_t n, std::uint32_t rate, const std::function<double(std::size_t)>& left,
+                const std::function<double(std::size_t)>& right) {
+  Channels c(2, std::vector<double>(n));
+  for (std::size_t i = 0; i < n; ++i) {
+    c[0][i] = left(i);
+    c[1][i] = right(i);
+  }
+  (void)rate;
+  return test::as_stored(c, SampleFormat::s24le);
+}
+
+// The bed the encoder is meant to code (gain 1: these inputs never clip).
+Channels model_bed(const Channels& in, const BedSettings& settings) {
+  BedStage stage = open_bed_stage(settings);
+  Channels bed(kBedChannels);
+  const auto append = [&bed](const BedChannels& part) {
+    for (std::size_t c = 0; c < kBedChannels; ++c) bed[c].insert(bed[c].end(), part[c].begin(), part[c].end());
+  };
+  append(decode_bed(stage, in[0].data(), in[1].data(), in[0].size()));
+  append(flush_bed(stage));
+  return bed;
+}
+
+double rms_db(const std::vector<float>& x, std::size_t from, std::size_t to) {
+  double sum = 0.0;
+  for (std::size_t i = from; i < to; ++i) sum += static_cast<double>(x[i]) * x[i];
+  return 10.0 * std::log10(sum / static_cast<double>(to - from) + 1e-30);
+}
+
+struct Encoded {
+  test::CommandResult run;
+  test::DecodedAudio decoded;
+};
+
+// Encodes, checks size and both decoders, and returns ffmpeg's channels.
+Encoded encode(const fs::path& wav, std::uint32_t rate, std::size_t bed_samples, std::vector<std::string> options) {
+  const fs::path dts = fs::path(wav).replace_extension(".dts");
+  options.insert(options.begin(), {wav.string(), dts.string(), "--matrix-decode"});
+  Encoded r;
+  r.run = test::run_tavrin(options);
+  EXPECT_EQ(r.run.exit_status, 0) << r.run.err;
+  EXPECT_EQ(fs::file_size(dts), test::expected_stream_bytes(rate, 768000, bed_samples));
+  const auto dca = test::run_dcadec(dts, "null");
+  EXPECT_TRUE(dca.clean()) << dca.errors;
+  r.decoded = test::decode_with_ffmpeg(dts, 6);
+  EXPECT_TRUE(r.decoded.clean()) << r.decoded.run.err;
+  EXPECT_EQ(r.decoded.channels.size(), kBedChannels);
+  return r;
+}
+
+struct Case {
+  const char* name;
+  std::uint32_t rate;
+  std::vector<std::string> options;
+  std::function<double(std::size_t)> left, right;
+  // Level of each decoded channel over the settled second half, dB re the
+  // input's left channel; below -200 means "silent" (under -60 dB).
+  std::array<double, kBedChannels> level;
+  double rear_delay_ms;
+};
+
+TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
+  const fs::path dir = test::fresh_test_dir("matrix");
+  constexpr double kSilent = -300.0;
+  const double plus3 = 20.0 * std::log10(std::sqrt(2.0));
+  const auto music = [](std::uint32_t rate) {
+    return [rate](std::size_t i) { return 0.3 * tone(997.0, i, rate) + 0.1 * tone(3301.0, i, rate); };
+  };
+  const auto opposite = [](std::uint32_t rate) {
+    return [rate](std::size_t i) { return -(0.3 * tone(997.0, i, rate) + 0.1 * tone(3301.0, i, rate)); };
+  };
+  // 30 Hz bass with 1 kHz on the left, an unrelated 1.5 kHz on the right:
+  // nothing is steered, so the bass stays with the left until bass
+  // management moves it.
+  const auto bass_left = [](std::uint32_t rate) {
+    return [rate](std::size_t i) { return 0.4 * tone(30.0, i, rate) + 0.2 * tone(1000.0, i, rate); };
+  };
+  const auto treble_right = [](std::uint32_t rate) { return [rate](std::size_t i) { return 0.2 * tone(1500.0, i, rate); }; };
+  const double bass_left_db = 20.0 * std::log10(std::sqrt(0.4 * 0.4 + 0.2 * 0.2));
+  const double bass_db = 20.0 * std::log10(0.4) - bass_left_db;
+  const double mid_db = 20.0 * std::log10(0.2) - bass_left_db;
+  // The 30 Hz tone through the 80 Hz LR4 low path: -0.17 dB.
+  const double lr4_30 = 20.0 * std::log10(1.0 / (1.0 + std::pow(30.0 / 80.0, 4.0)));
+  const std::vector<Case> cases = {
+      {"centre", 48000, {}, music(48000), music(48000), {kSilent, kSilent, plus3, kSilent, kSilent, kSilent}, 20.0},
+      {"surround", 48000, {"--rear-delay", "12.5"}, music(48000), opposite(48000),
+       {kSilent, kSilent, kSilent, kSilent, 0.0, 0.0}, 12.5},
+      {"bass kept", 44100, {}, bass_left(44100), treble_right(44100),
+       {0.0, mid_db, kSilent, kSilent, kSilent, kSilent}, 20.0},
+      {"bass managed", 44100, {"--bass-management", "--crossover", "80", "--lfe-gain", "-4.5", "--rear-delay", "0"},
+       bass_left(44100), treble_right(44100), {mid_db, mid_db, kSilent, bass_db - 4.5 + lr4_30, kSilent, kSilent}, 0.0},
+      {"thx", 48000, {"--thx"}, bass_left(48000), treble_right(48000),
+       {mid_db, mid_db, kSilent, bass_db + lr4_30, kSilent, kSilent}, 20.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::size_t n = c.rate * 2;
+    const Channels in = stereo(n, c.rate, c.left, c.right);
+    const fs::path wav = dir / (std::string(c.name) + ".wav");
+    write_wav_file(wav.string(), in, c.rate, SampleFormat::s24le);
+    const std::size_t d = static_cast<std::size_t>(std::llround(c.rear_delay_ms * c.rate / 1000.0));
+    const Encoded r = encode(wav, c.rate, n + d, c.options);
+    if (r.decoded.channels.size() != kBedChannels) continue;
+
+    BedSettings settings;
+    settings.sample_rate = c.rate;
+    settings.rear_delay_ms = c.rear_delay_ms;
+    settings.bass_management = c.level[LFE] > -200.0;
+    settings.lfe_gain_db = c.name == std::string("bass managed") ? -4.5 : 0.0;
+    const Channels bed = model_bed(in, settings);
+    const double input_db = rms_db(std::vector<float>(in[0].begin(), in[0].end()), n / 2, n);
+    for (std::size_t ch = 0; ch < kBedChannels; ++ch) {
+      SCOPED_TRACE("channel " + std::to_string(ch));
+      const auto& out = r.decoded.channels[ch];
+      const double level = rms_db(out, kDelay + n / 2, kDelay + n) - input_db;
+      if (c.level[ch] < -200.0) {
+        EXPECT_LT(level, -60.0);
+        continue;
+      }
+      EXPECT_NEAR(level, c.level[ch], ch == LFE ? 0.5 : 0.3);  // the LFE coder's own tolerance
+      // Against the model bed: the mains at exactly the codec's delay and
+      // unity gain, the LFE within its coder's alignment and level.
+      if (ch == LFE) {
+        const auto delay = test::best_delay(bed[ch], out, kDelay - 40, kDelay + 40);
+        EXPECT_LE(std::abs(static_cast<long>(delay) - static_cast<long>(kDelay)), 16);
+        EXPECT_NEAR(test::compare(bed[ch], out, delay).gain_db, 0.0, 0.5);
+      } else {
+        const test::Match m = test::compare(bed[ch], out, kDelay);
+        EXPECT_NEAR(m.gain_db, 0.0, 0.05);
+        EXPECT_GT(m.snr_db, 30.0);
+      }
+    }
+    // The surround is the input's difference signal, late by the rear delay.
+    if (c.level[LS] > -200.0) {
+      EXPECT_EQ(test::best_delay(in[0], r.decoded.channels[LS], kDelay, kDelay + 1000), kDelay + d);
+    }
+    const auto lines = test::lines(r.run.out);
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(lines[3].rfind("Bass:", 0) == 0, settings.bass_management);
+    if (c.name == std::string("thx")) {
+      EXPECT_EQ(lines[3], "Bass:       LR4 bass management, crossover 80 Hz (THX fixed), LFE gain 0.0 dB");
+    }
+    EXPECT_NE(r.run.out.find("Padding: " + std::to_string((n + d + 1023) / 1024 * 1024 - n - d) +
+                             " final sample(s)/channel\n"),
+              std::string::npos);
+  }
+}
+
+// A full-scale centre-panned signal makes a centre of +3 dB; bass management
+// with +6 dB of LFE gain makes a louder LFE still. The bed is lowered just
+// enough, so the decoded channels stay within full scale.
+TEST(MatrixEncode, FullScaleInputDoesNotClip) {
+  const fs::path dir = test::fresh_test_dir("matrix-clip");
+  const std::uint32_t rate = 48000;
+  const std::size_t n = rate;
+  for (const bool bass : {false, true}) {
+    SCOPED_TRACE(bass ? "bass managed" : "matrix only");
+    const auto full = [](std::size_t i) { return 0.999 * tone(50.0, i, 48000) ; };
+    const Channels in = stereo(n, rate, full, full);
+    const fs::path wav = dir / (bass ? "bass.wav" : "plain.wav");
+    write_wav_file(wav.string(), in, rate, SampleFormat::s24le);
+    std::vector<std::string> options;
+    if (bass) options = {"--bass-management", "--lfe-gain", "6"};
+    const Encoded r = encode(wav, rate, n + 960, options);
+    double peak = 0.0;
+    for (const auto& ch : r.decoded.channels) {
+      for (float x : ch) peak = std::max(peak, std::abs(static_cast<double>(x)));
+    }
+    EXPECT_LE(peak, 1.0 + 1e-3);
+    EXPECT_GT(peak, 0.9);  // lowered, not crushed
+    EXPECT_NE(r.run.out.find("bed gain -"), std::string::npos) << r.run.out;
+  }
+}
+
+// The streaming driver (WAVE or FLAC, read again for every pass) and the
+// in-memory reference make the same bed, so they write the same stream.
+TEST(MatrixEncode, StreamingMemoryAndFlacFormsAgree) {
+  if (!test::program_available("flac")) GTEST_SKIP() << "flac not installed";
+  const fs::path dir = test::fresh_test_dir("matrix-forms");
+  const std::uint32_t rate = 44100;
+  const std::size_t n = 3 * 1024 + 77;
+  const Channels in = stereo(
+      n, rate, [](std::size_t i) { return 0.5 * tone(60.0, i, 44100) + 0.3 * tone(2000.0, i, 44100); },
+      [](std::size_t i) { return 0.5 * tone(60.0, i, 44100) - 0.3 * tone(2000.0, i, 44100) * (i > 2000 ? 1 : 0); });
+  const fs::path wav = dir / "in.wav", flac = dir / "in.flac";
+  write_wav_file(wav.string(), in, rate, SampleFormat::s24le);
+  ASSERT_EQ(test::run_command({"flac", "-s", "-f", "-o", flac.string(), wav.string()}).exit_status, 0);
+  const std::vector<std::string> options = {"--matrix-decode", "--bass-management", "--rear-delay", "33", "-q"};
+  const auto run = [&](const fs::path& input, const char* out, std::vector<std::string> extra) {
+    std::vector<std::string> args = {input.string(), (dir / out).string()};
+    args.insert(args.end(), options.begin(), options.end());
+    args.insert(args.end(), extra.begin(), extra.end());
+    const auto r = test::run_tavrin(args);
+    EXPECT_EQ(r.exit_status, 0) << r.err;
+    return test::read_bytes(dir / out);
+  };
+  const auto streamed = run(wav, "stream.dts", {});
+  EXPECT_EQ(streamed.size(), test::expected_stream_bytes(rate, 768000, n + 1455));
+  EXPECT_EQ(run(wav, "memory.dts", {"--dev-matrix-memory-reference"}), streamed);
+  EXPECT_EQ(run(flac, "flac.dts", {}), streamed);
+}
+
+// Runs the program with standard output on a pseudo-terminal and returns
+// what it wrote there.
+std::string run_on_terminal(const std::vector<std::string>& args) {
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) return "no pty";
+  const std::string slave_name = ptsname(master);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    setsid();
+    const int slave = open(slave_name.c_str(), O_RDWR);
+    const int null = open("/dev/null", O_RDWR);
+    dup2(null, 0);
+    dup2(slave, 1);
+    dup2(null, 2);
+    std::vector<char*> argv;
+    std::vector<std::string> copy = args;
+    copy.insert(copy.begin(), TAVRIN_BINARY);
+    for (auto& a : copy) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  std::string out;
+  char buffer[4096];
+  for (ssize_t got; (got = read(master, buffer, sizeof buffer)) > 0;) out.append(buffer, static_cast<std::size_t>(got));
+  int status = 0;
+  waitpid(pid, &status, 0);
+  close(master);
+  return out;
+}
+
+// A plain encode draws its progress line for a person at a terminal, and
+// nothing into a file or a pipe; the matrix path draws it always.
+TEST(MatrixEncode, ProgressLineOnlyWhereSomeoneWatches) {
+  const fs::path dir = test::fresh_test_dir("progress");
+  const Channels in = stereo(5000, 48000, [](std::size_t i) { return 0.1 * tone(440.0, i, 48000); },
+                             [](std::size_t i) { return 0.1 * tone(660.0, i, 48000); });
+  const fs::path wav = dir / "in.wav", dts = dir / "out.dts";
+  write_wav_file(wav.string(), in, 48000, SampleFormat::s16le);
+  const std::string terminal = run_on_terminal({wav.string(), dts.string()});
+  EXPECT_NE(terminal.find("\rEncoding        [############################] 100.0%"), std::string::npos) << terminal;
+  EXPECT_NE(terminal.find("Path: legacy ADPCM rate"), std::string::npos) << terminal;
+  EXPECT_EQ(run_on_terminal({wav.string(), dts.string(), "-q"}), "");
+  const auto piped = test::run_tavrin({wav.string(), dts.string()});
+  EXPECT_EQ(piped.out.find('\r'), std::string::npos) << piped.out;
+  const auto matrix = test::run_tavrin({wav.string(), dts.string(), "--matrix-decode"});
+  EXPECT_NE(matrix.out.find("\rMatrix analysis"), std::string::npos);
+
+  // A pipe cannot be read again for the encoding pass.
+  const auto pipe = test::run_command(
+      {"sh", "-c", "cat '" + wav.string() + "' | '" TAVRIN_BINARY "' - '" + dts.string() + "' --matrix-decode"});
+  EXPECT_EQ(pipe.exit_status, 1);
+  EXPECT_EQ(pipe.err, "Tavrin-DTS: --matrix-decode input must be a file, not a pipe: standard input\n");
+}
+
+}  // namespace
+}  // namespace tavrin
