@@ -36,14 +36,13 @@ double tone(double hz, std::size_t i, std::uint32_t rate) {
   return std::sin(2.0 * std::numbers::pi * hz * static_cast<double>(i) / rate);
 }
 
-Channels stereo(std::size_t n, std::uint32_t rate, const std::function<double(std::size_t)>& left,
+Channels stereo(std::size_t n, const std::function<double(std::size_t)>& left,
                 const std::function<double(std::size_t)>& right) {
   Channels c(2, std::vector<double>(n));
   for (std::size_t i = 0; i < n; ++i) {
     c[0][i] = left(i);
     c[1][i] = right(i);
   }
-  (void)rate;
   return test::as_stored(c, SampleFormat::s24le);
 }
 
@@ -133,7 +132,7 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const std::size_t n = c.rate * 2;
-    const Channels in = stereo(n, c.rate, c.left, c.right);
+    const Channels in = stereo(n, c.left, c.right);
     const fs::path wav = dir / (std::string(c.name) + ".wav");
     write_wav_file(wav.string(), in, c.rate, SampleFormat::s24le);
     const std::size_t d = static_cast<std::size_t>(std::llround(c.rear_delay_ms * c.rate / 1000.0));
@@ -193,8 +192,8 @@ TEST(MatrixEncode, FullScaleInputDoesNotClip) {
   const std::size_t n = rate;
   for (const bool bass : {false, true}) {
     SCOPED_TRACE(bass ? "bass managed" : "matrix only");
-    const auto full = [](std::size_t i) { return 0.999 * tone(50.0, i, 48000) ; };
-    const Channels in = stereo(n, rate, full, full);
+    const auto full = [](std::size_t i) { return 0.999 * tone(50.0, i, 48000); };
+    const Channels in = stereo(n, full, full);
     const fs::path wav = dir / (bass ? "bass.wav" : "plain.wav");
     write_wav_file(wav.string(), in, rate, SampleFormat::s24le);
     std::vector<std::string> options;
@@ -218,7 +217,7 @@ TEST(MatrixEncode, StreamingMemoryAndFlacFormsAgree) {
   const std::uint32_t rate = 44100;
   const std::size_t n = 3 * 1024 + 77;
   const Channels in = stereo(
-      n, rate, [](std::size_t i) { return 0.5 * tone(60.0, i, 44100) + 0.3 * tone(2000.0, i, 44100); },
+      n, [](std::size_t i) { return 0.5 * tone(60.0, i, 44100) + 0.3 * tone(2000.0, i, 44100); },
       [](std::size_t i) { return 0.5 * tone(60.0, i, 44100) - 0.3 * tone(2000.0, i, 44100) * (i > 2000 ? 1 : 0); });
   const fs::path wav = dir / "in.wav", flac = dir / "in.flac";
   write_wav_file(wav.string(), in, rate, SampleFormat::s24le);
@@ -273,7 +272,7 @@ std::string run_on_terminal(const std::vector<std::string>& args) {
 // nothing into a file or a pipe; the matrix path draws it always.
 TEST(MatrixEncode, ProgressLineOnlyWhereSomeoneWatches) {
   const fs::path dir = test::fresh_test_dir("progress");
-  const Channels in = stereo(5000, 48000, [](std::size_t i) { return 0.1 * tone(440.0, i, 48000); },
+  const Channels in = stereo(5000, [](std::size_t i) { return 0.1 * tone(440.0, i, 48000); },
                              [](std::size_t i) { return 0.1 * tone(660.0, i, 48000); });
   const fs::path wav = dir / "in.wav", dts = dir / "out.dts";
   write_wav_file(wav.string(), in, 48000, SampleFormat::s16le);
