@@ -1,10 +1,6 @@
 #include "platform/clock.h"
 
-#include <cstdio>
-
 #ifdef _WIN32
-#include <io.h>
-
 #include "platform/windows_api.h"
 #else
 #include <time.h>
@@ -28,7 +24,11 @@ std::int64_t monotonic_ns() {
   return ticks / frequency * 1'000'000'000 + ticks % frequency * 1'000'000'000 / frequency;
 }
 
-bool standard_output_is_terminal() { return _isatty(_fileno(stdout)) != 0; }
+// _isatty also says yes for the NUL device; only a console has a console mode.
+bool standard_output_is_terminal() {
+  DWORD mode = 0;
+  return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != 0;
+}
 
 #else
 
