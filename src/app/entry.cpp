@@ -2,6 +2,7 @@
 
 #include <cctype>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -17,6 +18,7 @@
 #include "input/raw.h"
 #include "input/wave.h"
 #include "platform/clock.h"
+#include "platform/command_line.h"
 #include "platform/files.h"
 
 namespace tavrin {
@@ -87,7 +89,9 @@ struct InputSource {
 InputSource check_input(const std::string& input_path, const std::string& output_path) {
   InputSource source;
   source.standard_input = input_path == "-";
-  const FileKind kind = source.standard_input ? standard_input_kind() : file_kind(input_path);
+  const std::filesystem::path input = path_from_utf8(input_path);
+  const std::filesystem::path output = path_from_utf8(output_path);
+  const FileKind kind = source.standard_input ? standard_input_kind() : file_kind(input);
   const std::string shown = source.standard_input ? "standard input" : input_path;
   switch (kind) {
     case FileKind::missing:  // the open reports it
@@ -101,7 +105,7 @@ InputSource check_input(const std::string& input_path, const std::string& output
       throw std::runtime_error("input is " + std::string(describe_file_kind(kind)) +
                                ", not an audio file or pipe: " + shown);
   }
-  const bool same = source.standard_input ? standard_input_is(output_path) : same_file(input_path, output_path);
+  const bool same = source.standard_input ? standard_input_is(output) : same_file(input, output);
   if (same) throw std::runtime_error("output would overwrite the input: " + output_path);
   return source;
 }
@@ -184,7 +188,7 @@ int encode(int argc, char** argv) {
   std::vector<char> out_buffer(kStreamBufferBytes);
   std::ofstream out;
   out.rdbuf()->pubsetbuf(out_buffer.data(), static_cast<std::streamsize>(out_buffer.size()));
-  out.open(output_path, std::ios::binary | std::ios::trunc);
+  out.open(path_from_utf8(output_path), std::ios::binary | std::ios::trunc);
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
   if (flac) {
@@ -198,7 +202,7 @@ int encode(int argc, char** argv) {
     std::vector<char> in_buffer(kStreamBufferBytes);
     std::ifstream in;
     in.rdbuf()->pubsetbuf(in_buffer.data(), static_cast<std::streamsize>(in_buffer.size()));
-    in.open(input_path, std::ios::binary);
+    in.open(path_from_utf8(input_path), std::ios::binary);
     if (!in) throw std::runtime_error("cannot open input: " + input_path);
     run_stream(in, out, options, source, input_path, progress);
   }

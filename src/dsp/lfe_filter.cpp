@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <stdexcept>
 
 namespace tavrin {
@@ -51,7 +52,7 @@ std::vector<GridPoint> design_grid(double sample_rate) {
         p.target = std::exp((f / f0) * (f / f0));
         p.weight = step * (f < kLowEdgeHz ? kLowWeight : 1.0);
       } else if (f < kStopEdgeHz) {
-        p.target = edge_gain * 0.5 * (1.0 + std::cos(M_PI * (f - kPassEdgeHz) / (kStopEdgeHz - kPassEdgeHz)));
+        p.target = edge_gain * 0.5 * (1.0 + std::cos(std::numbers::pi * (f - kPassEdgeHz) / (kStopEdgeHz - kPassEdgeHz)));
         p.weight = step * kTransitionWeight;
       } else {
         p.weight = step * kStopWeight;
@@ -72,7 +73,7 @@ std::vector<double> fit_half_taps(const std::vector<GridPoint>& grid, double sam
   constexpr std::size_t n = kHalf + 1;
   std::vector<double> r(2 * kHalf + 1, 0.0), q(n, 0.0);
   for (const GridPoint& p : grid) {
-    const double w = 2.0 * M_PI * p.f / sample_rate;
+    const double w = 2.0 * std::numbers::pi * p.f / sample_rate;
     const double c1 = std::cos(w);
     double prev = c1, cur = 1.0;  // cos(-w), cos(0)
     for (std::size_t m = 0; m < r.size(); ++m) {

@@ -6,6 +6,7 @@
 #define TAVRIN_CPUID_MSVC 1
 #elif (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
 #include <cpuid.h>
+#include <immintrin.h>
 #define TAVRIN_CPUID_GNU 1
 #endif
 
@@ -16,14 +17,9 @@ namespace {
 constexpr std::uint32_t bit(unsigned n) { return std::uint32_t{1} << n; }
 
 #if defined(TAVRIN_CPUID_GNU)
-std::uint64_t read_xcr0() {
-  // Spelled as an instruction rather than _xgetbv so that this file needs no
-  // -mxsave; the caller has already checked OSXSAVE, so it cannot fault.
-  std::uint32_t eax = 0;
-  std::uint32_t edx = 0;
-  __asm__ volatile("xgetbv" : "=a"(eax), "=d"(edx) : "c"(0));
-  return (std::uint64_t{edx} << 32) | eax;
-}
+// The one function built for XSAVE, so the rest of the program needs no
+// -mxsave; the caller has already checked OSXSAVE, so it cannot fault.
+__attribute__((target("xsave"))) std::uint64_t read_xcr0() { return _xgetbv(0); }
 #endif
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "alloc/plan_payload.h"
 #include "bitstream/test_util.h"
 #include "support/blocks.h"
+#include "support/decoders.h"
 
 namespace tavrin {
 namespace {
@@ -118,7 +119,7 @@ TEST(Allocation, ScanSwitchSelectsTheSearch) {
   for (int k = 0; k < 8; ++k) blocks[0][k * 32 + 4] = (blocks[0][k * 32 + 3] = k % 3 ? 2.5 : -4.0) * (1.0 + 1e-10);
   // Only a value beginning with "1" asks for the scan.
   for (const auto& [value, band] : std::vector<std::pair<const char*, int>>{{"1yes", 3}, {" 1", 4}, {nullptr, 4}}) {
-    value ? ::setenv("TAVRIN_DTS_ALLOCATOR_SCAN", value, 1) : ::unsetenv("TAVRIN_DTS_ALLOCATOR_SCAN");
+    test::set_environment("TAVRIN_DTS_ALLOCATOR_SCAN", value);
     const AllocationPlan plan = allocate(test::views(blocks), side_bits(2) + 50, {}, nullptr);
     const auto& bands = plan.subframes[0][0];
     EXPECT_EQ((bands[3].abits == 8 ? 3 : 0) + (bands[4].abits == 8 ? 4 : 0), band) << (value ? value : "unset");

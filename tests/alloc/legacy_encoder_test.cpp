@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numbers>
 #include <random>
 #include <vector>
 
@@ -21,7 +22,7 @@ std::vector<std::vector<double>> subband_frame(std::size_t channels, unsigned se
     for (std::size_t i = 0; i < 1024; ++i) {
       const std::size_t band = i % 32;
       block[i] = noise(gen) * 100.0 / (1.0 + band);
-      if (band == 1) block[i] += 1e6 * std::sin(2.0 * M_PI * static_cast<double>(i / 32) / 3.0);
+      if (band == 1) block[i] += 1e6 * std::sin(2.0 * std::numbers::pi * static_cast<double>(i / 32) / 3.0);
       if (band == 5) block[i] += 1e4 * noise(gen);
     }
   return frame;

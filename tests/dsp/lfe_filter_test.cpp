@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numbers>
 #include <complex>
 #include <random>
 #include <vector>
@@ -12,7 +13,7 @@ namespace {
 
 double response_db(const std::vector<double>& taps, double f, double rate) {
   std::complex<double> sum = 0.0;
-  for (std::size_t m = 0; m < taps.size(); ++m) sum += taps[m] * std::polar(1.0, -2.0 * M_PI * f * m / rate);
+  for (std::size_t m = 0; m < taps.size(); ++m) sum += taps[m] * std::polar(1.0, -2.0 * std::numbers::pi * f * m / rate);
   return 20.0 * std::log10(std::abs(sum));
 }
 

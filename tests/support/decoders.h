@@ -30,6 +30,10 @@ CommandResult run_command(const std::vector<std::string>& argv);
 // True when `name` is an executable found on PATH.
 bool program_available(std::string_view name);
 
+// Sets an environment variable of this process; nullptr removes it.
+void set_environment(const char* name, const char* value);
+int process_id();
+
 // ---- Files and folders ------------------------------------------------------
 
 // Creates and returns a new, empty, uniquely named folder `<base>/<prefix>-XXXXXX`
