@@ -16,6 +16,10 @@ constexpr std::array<std::array<TmodeCode, 4>, 4> kTmodeBooks = {{
     {{{0b00, 2}, {0b01, 2}, {0b10, 2}, {0b11, 2}}},
 }};
 
+constexpr std::array<BlockCodeFormat, 8> kBlockCodes = {{
+    {0, 0}, {3, 7}, {5, 10}, {7, 12}, {9, 13}, {13, 15}, {17, 17}, {25, 19},
+}};
+
 void fail(const char* message) { throw std::invalid_argument(message); }
 
 unsigned abits_limit(std::uint8_t bhuff) { return bhuff == 5 ? 15u : 26u; }
@@ -90,20 +94,37 @@ void emit_lfe(Sink& w, const Subframe& s, unsigned lff) {
   w.write(s.lfe_scale, 8);
 }
 
+// One band's 8 samples of a subsubframe as two block-code words.
 template <class Sink>
-void emit_audio(Sink& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
+void emit_block_codes(Sink& w, const std::int32_t* index, unsigned abits) {
+  const unsigned width = kBlockCodes[abits].width;
+  w.write(block_code_word(index, abits), width);
+  w.write(block_code_word(index + 4, abits), width);
+}
+
+template <class Sink>
+void emit_audio(Sink& w, const Subframe& s, const PrimaryHeader& h, unsigned channels, bool block_codes) {
   for (unsigned c = 0; c < channels; ++c) {
     const std::size_t vqsub = h.vqsub[c];
-    if (c >= s.audio.size() || s.audio[c].size() != vqsub * 8u || s.abits[c].size() < vqsub)
+    if (c >= s.audio.size() || s.audio[c].size() != vqsub * 8u * s.ssc || s.abits[c].size() < vqsub)
       fail("AUDIO band count mismatch");
-    const std::uint8_t* abits = s.abits[c].data();
-    const std::int32_t* audio = s.audio[c].data();
-    for (std::size_t b = 0; b < vqsub; ++b) {
-      const unsigned a = abits[b];
-      if (a == 0) continue;
-      if (a < 8) fail("baseline payload supports direct NFE ABITS >= 8 only");
-      if (a > 26) fail("NFE direct coding requires ABITS 8..26");
-      emit_nfe(w, audio + b * 8, 8, a);
+  }
+  for (std::size_t j = 0; j < s.ssc; ++j) {
+    for (unsigned c = 0; c < channels; ++c) {
+      const std::size_t vqsub = h.vqsub[c];
+      const std::uint8_t* abits = s.abits[c].data();
+      const std::int32_t* audio = s.audio[c].data() + j * vqsub * 8;
+      for (std::size_t b = 0; b < vqsub; ++b) {
+        const unsigned a = abits[b];
+        if (a == 0) continue;
+        if (a < 8) {
+          if (!block_codes) fail("baseline payload supports direct NFE ABITS >= 8 only");
+          emit_block_codes(w, audio + b * 8, a);
+          continue;
+        }
+        if (a > 26) fail("NFE direct coding requires ABITS 8..26");
+        emit_nfe(w, audio + b * 8, 8, a);
+      }
     }
   }
 }
@@ -114,7 +135,7 @@ void emit_subframes(Sink& w, const FramePayload& p) {
   for (const Subframe& s : p.subframes) {
     emit_side_info(w, s, p.header, channels);
     emit_lfe(w, s, p.lff);
-    emit_audio(w, s, p.header, channels);
+    emit_audio(w, s, p.header, channels, p.block_codes);
     w.write(0xFFFFu, 16);  // DSYNC
   }
 }
@@ -190,7 +211,24 @@ std::uint64_t lfe_bit_count(const Subframe& s, unsigned lff) {
 }
 
 void write_audio(BitWriter& w, const Subframe& s, const PrimaryHeader& h, unsigned channels) {
-  emit_audio(w, s, h, channels);
+  emit_audio(w, s, h, channels, false);
+}
+
+BlockCodeFormat block_code_format(unsigned abits) {
+  if (abits < 1 || abits > 7) fail("block code ABITS must be 1..7");
+  return kBlockCodes[abits];
+}
+
+std::uint32_t block_code_word(const std::int32_t* four, unsigned abits) {
+  const auto levels = static_cast<std::int32_t>(block_code_format(abits).levels);
+  const std::int32_t offset = (levels - 1) / 2;
+  std::uint32_t word = 0;
+  for (int n = 3; n >= 0; --n) {
+    const std::int32_t digit = four[n] + offset;
+    if (digit < 0 || digit >= levels) fail("block code index out of range");
+    word = word * static_cast<std::uint32_t>(levels) + static_cast<std::uint32_t>(digit);
+  }
+  return word;
 }
 
 void write_payload(BitWriter& w, const FramePayload& p) {
@@ -209,9 +247,9 @@ std::uint64_t payload_bit_count(const FramePayload& payload) {
   return counter.bits;
 }
 
-Subframe blank_subframe(unsigned channels, unsigned bands) {
+Subframe blank_subframe(unsigned channels, unsigned bands, unsigned ssc) {
   Subframe s;
-  s.ssc = 1;
+  s.ssc = static_cast<std::uint8_t>(ssc);
   s.psc = 0;
   s.pmode.assign(channels, std::vector<std::uint8_t>(bands, 0));
   s.pvq.assign(channels, std::vector<std::uint16_t>(bands, 0));
@@ -219,7 +257,7 @@ Subframe blank_subframe(unsigned channels, unsigned bands) {
   s.tmode.assign(channels, std::vector<std::uint8_t>(bands, 0));
   s.scale.assign(channels, std::vector<std::uint8_t>(bands, 0));
   s.scale2.assign(channels, std::vector<std::uint8_t>(bands, 0));
-  s.audio.assign(channels, std::vector<std::int32_t>(static_cast<std::size_t>(bands) * 8, 0));
+  s.audio.assign(channels, std::vector<std::int32_t>(static_cast<std::size_t>(bands) * 8 * ssc, 0));
   return s;
 }
 

@@ -1,7 +1,9 @@
 #pragma once
-// Subframes: side information, LFE samples, directly coded audio and DSYNC,
-// in the restricted "Phase-3 baseline" profile (linear ABITS and scale
-// codes, no joint intensity, no partial subsubframes, ABITS 8..26 audio).
+// Subframes: side information, LFE samples, coded audio and DSYNC, in the
+// restricted "Phase-3 baseline" profile (linear ABITS and scale codes, no
+// joint intensity, no partial subsubframes, ABITS 8..26 audio). A payload
+// may also carry ABITS 1..7 as block codes, which the project's own
+// encoders use.
 #include <cstdint>
 #include <vector>
 
@@ -13,7 +15,8 @@ struct BitWriter;
 
 // Per-channel lists are indexed by primary channel in coding order; PMODE
 // and PVQ hold SUBS entries, ABITS/TMODE/SCALE/SCALE2 hold VQSUB entries and
-// AUDIO holds VQSUB * 8 samples (8 per subband).
+// AUDIO holds SSC * VQSUB * 8 samples: per subsubframe, per subband, its 8
+// samples (subsubframe j, band b, sample k at (j * VQSUB + b) * 8 + k).
 struct Subframe {
   std::uint8_t ssc = 1;  // subsubframes, 1..4
   std::uint8_t psc = 0;  // must be 0
@@ -32,11 +35,27 @@ struct FramePayload {
   PrimaryHeader header;
   std::vector<Subframe> subframes;
   std::uint8_t lff = 0;
+  // ABITS 1..7 allowed, coded as block codes (their selectors must be the
+  // all-ones "no Huffman" values, as the plan-driven header sets them).
+  bool block_codes = false;
 };
 
-// A subframe of one subsubframe for `channels` channels of `bands` subbands,
-// every list sized and all zero: every band silent, no prediction.
-Subframe blank_subframe(unsigned channels, unsigned bands);
+// A subframe of `ssc` subsubframes for `channels` channels of `bands`
+// subbands, every list sized and all zero: every band silent, no
+// prediction.
+Subframe blank_subframe(unsigned channels, unsigned bands, unsigned ssc = 1);
+
+// Block codes: four samples of a band with L levels (indices -(L-1)/2 ..
+// (L-1)/2) packed into one word, the first sample the least significant
+// digit. ABITS 1..7 have L = 3, 5, 7, 9, 13, 17, 25.
+struct BlockCodeFormat {
+  unsigned levels = 0;
+  unsigned width = 0;  // bits of one word
+};
+// "block code ABITS must be 1..7"
+BlockCodeFormat block_code_format(unsigned abits);
+// "block code index out of range" when a sample lies outside the levels.
+std::uint32_t block_code_word(const std::int32_t* four, unsigned abits);
 
 // One directly coded (NFE) sample: the index's low ABITS - 3 bits.
 // "NFE direct coding requires ABITS 8..26",

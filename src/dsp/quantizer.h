@@ -2,6 +2,7 @@
 // Scale factors, step sizes and the direct (NFE) quantizer shared by every
 // encoder path.
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -84,6 +85,38 @@ inline QuantizerChoice baseline_quantizer_for_peak(double peak, unsigned low, un
   throw_baseline_peak();
 }
 [[noreturn]] void throw_step_size_abits();
+// How far an index of each ABITS reaches: +-(L-1)/2 for the block codes of
+// ABITS 1..7, 2^(ABITS-4) - 1 upward (and one further downward) for the
+// direct codes of ABITS 8..26.
+inline constexpr std::array<std::int32_t, 8> kBlockCodeReach = {0, 1, 2, 3, 4, 6, 8, 12};
+inline std::int32_t index_reach(unsigned abits) {
+  return abits < 8 ? kBlockCodeReach[abits] : (std::int32_t{1} << (abits - 4)) - 1;
+}
+
+// The smallest scale at which a band whose largest magnitude is `peak` fits
+// ABITS `abits` (1..26) without clipping, for the encoders that use every
+// ABITS. A silent band gets the smallest scale; a peak beyond the largest
+// scale gets the largest (the samples then clip at the index range).
+inline QuantizerChoice quantizer_at(double peak, unsigned abits, unsigned scale_hint = kNoScaleHint) {
+  const double needed = peak / (static_cast<double>(index_reach(abits)) * kStepSize[abits]);
+  const double* const first = kScaleFactor6.data();
+  if (!(needed > first[0])) return quantizer_choice(abits, first);
+  if (!(needed <= kScaleFactor6[kScaleFactor6Count - 1])) return quantizer_choice(abits, first + kScaleFactor6Count - 1);
+  return quantizer_choice(abits, first_scale_at_least(needed, scale_hint));
+}
+
+// The index of x at `choice` for any ABITS 1..26: nearest, clamped to the
+// ABITS's range, NaN as 0.
+inline std::int32_t quantize_index(double x, const QuantizerChoice& choice) {
+  if (choice.abits == 0) return 0;
+  if (choice.abits >= 8) return quantize(x, choice);
+  const auto reach = static_cast<double>(kBlockCodeReach[choice.abits]);
+  const double r = x / choice.quantum;
+  const double clamped = r < -reach ? -reach : (r > reach ? reach : r);
+  constexpr double kShift = 0x1.8p52;
+  return r == r ? static_cast<std::int32_t>((clamped + kShift) - kShift) : 0;
+}
+
 
 // baseline_quantizer_for_peak(peak, abits, abits, hint) without its division,
 // for callers that hold inverse_unit = 1 / (levels * step size) of `abits`.
