@@ -1,6 +1,7 @@
 #include "support/quality.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <complex>
 #include <cstdio>
@@ -165,6 +166,11 @@ void masking_threshold(const MaskModel& m, const std::vector<double>& power, std
   }
 }
 
+std::string trimmed(std::string text) {
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back()))) text.pop_back();
+  return text;
+}
+
 double sum_of_squares(const std::vector<double>& x, std::size_t from, std::size_t to) {
   double s = 0.0;
   for (std::size_t i = from; i < to; ++i) s += x[i] * x[i];
@@ -277,12 +283,12 @@ RoundTrip round_trip(const std::filesystem::path& encoder, const TestSignal& sig
   args.insert(args.end(), extra_args.begin(), extra_args.end());
   const CommandResult encode = run_command(args);
   if (encode.exit_status != 0) {
-    r.problem = "encoder exited with " + std::to_string(encode.exit_status) + ": " + encode.err;
+    r.problem = "encoder exited with " + std::to_string(encode.exit_status) + ": " + trimmed(encode.err);
     return r;
   }
   const DecodedAudio decoded = decode_with_ffmpeg(stream, 2);
   if (!decoded.clean() || decoded.channels.size() != 2) {
-    r.problem = "ffmpeg exited with " + std::to_string(decoded.run.exit_status) + ": " + decoded.run.err;
+    r.problem = "ffmpeg exited with " + std::to_string(decoded.run.exit_status) + ": " + trimmed(decoded.run.err);
     return r;
   }
   r.quality = measure_quality(as_stored(signal.channels, SampleFormat::s24le), decoded.channels, kCodecDelay,
@@ -329,6 +335,13 @@ std::string format_quality_table(const std::vector<std::string>& ids, const std:
   if (pair) {
     const double mb = median(column(b));
     out += "         |        " + cell(mb) + "         |" + cell(mb - ma);
+    // Where B does worst against A: the figure a "never worse" claim rests on.
+    double worst_nmr = kNotMeasured, worst_pre = kNotMeasured;
+    for (std::size_t i = 0; i < a.size() && i < b.size(); ++i) {
+      worst_nmr = std::fmax(worst_nmr, b[i].nmr_db - a[i].nmr_db);
+      worst_pre = std::fmax(worst_pre, b[i].pre_echo_db - a[i].pre_echo_db);
+    }
+    out += "\nworst B-A    |                         |                         |" + cell(worst_nmr) + cell(worst_pre);
   }
   return out + "\n";
 }

@@ -111,8 +111,8 @@ RoundTrip round_trip(const std::filesystem::path& encoder, const TestSignal& sig
 double median(std::vector<double> values);
 
 // One line per signal: SNR, NMR and pre-echo of A; with B (same length as A)
-// also B's and the differences B - A; then the median NMR of each. NaN
-// prints as "-".
+// also B's and the differences B - A; then the median NMR of each and,
+// with B, the largest differences over the signals. NaN prints as "-".
 std::string format_quality_table(const std::vector<std::string>& ids, const std::vector<Quality>& a,
                                  const std::vector<Quality>& b = {});
 
