@@ -64,14 +64,20 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
 DispatchedFrame dispatch_stereo_frame(const std::vector<const double*>& channels, std::uint8_t amode,
                                       const StreamParams& stream, std::uint32_t frame_bytes,
                                       const LegacyEncoderConfig& config, LegacyEncoderState& state,
+                                      const Span24Config& span24_config, Span24State& span24_state,
                                       bool production_candidate) {
   const bool standard_rate = stream.sample_rate == 44100 || stream.sample_rate == 48000;
   const bool standard_bitrate = stream.bitrate == 768000 || stream.bitrate == 1024000 ||
                                 stream.bitrate == 1152000 || stream.bitrate == 1411200;
-  if (production_candidate && channels.size() == 2 && standard_rate && frame_bytes != 0 && standard_bitrate) {
-    throw std::runtime_error("the production-candidate 24+8 encoder is not available in this version yet");
-  }
   DispatchedFrame result;
+  if (production_candidate && channels.size() == 2 && standard_rate && frame_bytes != 0 && standard_bitrate) {
+    Span24Frame made = encode_span24_frame(channels, amode, stream, frame_bytes, span24_config, span24_state);
+    result.frame = std::move(made.frame);
+    result.kind = FrameEncoderKind::span24;
+    result.span24_predictions = made.predictions;
+    result.span24_reinvested_bits = made.reinvested_bits;
+    return result;
+  }
   result.frame = encode_legacy_frame(channels, amode, stream, frame_bytes, config, state);
   result.kind = FrameEncoderKind::legacy_adpcm;
   return result;

@@ -9,6 +9,7 @@
 #include "alloc/allocation.h"
 #include "alloc/frame_record.h"
 #include "alloc/psycho.h"
+#include "alloc/span24_encoder.h"
 #include "bitstream/frame.h"
 
 namespace tavrin {
@@ -45,11 +46,13 @@ struct DispatchedFrame {
   std::uint64_t span24_reinvested_bits = 0;
 };
 
-// Chooses the encoder for one stereo frame: the span24 encoder only for a
-// production-candidate stream it can serve, the legacy encoder otherwise.
+// Chooses the encoder for one stereo frame: the span24 encoder (with the
+// production settings of `span24_config`) only for a production-candidate
+// stream it can serve, the legacy encoder otherwise.
 DispatchedFrame dispatch_stereo_frame(const std::vector<const double*>& channels, std::uint8_t amode,
                                       const StreamParams& stream, std::uint32_t frame_bytes,
                                       const LegacyEncoderConfig& config, LegacyEncoderState& state,
+                                      const Span24Config& span24_config, Span24State& span24_state,
                                       bool production_candidate);
 
 }  // namespace tavrin

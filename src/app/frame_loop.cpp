@@ -16,8 +16,13 @@ struct MadeFrame {
 };
 
 MadeFrame make_frame(StereoFrameEncoder& e, const FrameRecord& record, const StreamParams& stream) {
+  if (e.experimental_span24) {
+    Span24Frame f = encode_span24_frame(record.primary, record.amode, stream, record.frame_bytes, e.span24,
+                                        e.span24_state);
+    return {std::move(f.frame.bytes), FrameEncoderKind::span24, f.predictions, f.reinvested_bits, 0};
+  }
   DispatchedFrame d = dispatch_stereo_frame(record.primary, record.amode, stream, record.frame_bytes, e.config,
-                                            e.state, e.production_candidate);
+                                            e.state, e.span24, e.span24_state, e.production_candidate);
   return {std::move(d.frame.bytes), d.kind, d.span24_predictions, d.span24_reinvested_bits, 0};
 }
 
@@ -82,6 +87,10 @@ EncodeLoop open_encode_loop(std::ostream& out, const ChannelLayout& layout, std:
   if (layout.name == "2.0") {
     StereoFrameEncoder stereo;
     stereo.production_candidate = options.productionCandidate;
+    stereo.experimental_span24 = options.span24Given;
+    if (options.span24Given) {
+      stereo.span24.settings = span24_settings(options.span24Mode, options.span24Scale, options.span24TransientMode);
+    }
     loop.encoder = std::move(stereo);
   } else {
     MultichannelFrameEncoder multi;

@@ -38,11 +38,15 @@ struct LoopTotals {
   double headroom_least_gain = 1.0;
 };
 
-// The stereo frame dispatcher with its stream state.
+// The stereo frame encoders with their stream state: the dispatcher, or the
+// span24 encoder alone for an experimental mode.
 struct StereoFrameEncoder {
   LegacyEncoderConfig config;
   LegacyEncoderState state;
+  Span24Config span24;
+  Span24State span24_state;
   bool production_candidate = false;
+  bool experimental_span24 = false;
 };
 
 struct MultichannelFrameEncoder {

@@ -10,15 +10,6 @@ namespace tavrin {
 
 namespace {
 
-void refuse_unavailable_paths(const EncoderOptions& options) {
-  if (options.span24Given) {
-    throw std::runtime_error("--experimental-span24 is not available in this version yet");
-  }
-  if (options.productionCandidate) {
-    throw std::runtime_error("--production-candidate is not available in this version yet");
-  }
-}
-
 void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOptions& options) {
   std::ostream& o = std::cout;
   o << "Input: " << input.sample_rate << " Hz, " << input.format_name << ", stereo, " << s.samples
@@ -82,7 +73,6 @@ PcmInput flac_input(const std::string& path, const FlacStreamInfo& info) {
 
 void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
                     ProgressState* progress) {
-  refuse_unavailable_paths(options);
   print_summary(encode_input(out, input, options, progress), input, options);
 }
 

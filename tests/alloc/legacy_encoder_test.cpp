@@ -40,10 +40,25 @@ TEST(LegacyEncoder, ChecksAndHistoryFlag) {
   config.allocation.reserved_bits = 100 * 8 - 104;  // the budget must exceed the 104 header bits plus this
   EXPECT_EQ(test::message_of([&] { encode(two, 100); }), "frame too small for rate-optimized ADPCM DTS Core header");
   config.allocation.reserved_bits = 64;
-  EXPECT_EQ(test::message_of<std::runtime_error>([&] {
-              dispatch_stereo_frame(test::views(two), 2, {48000, 768000}, 2048, config, state, true);
-            }),
-            "the production-candidate 24+8 encoder is not available in this version yet");
+  // The dispatcher: span24 only for a production-candidate stream it serves.
+  const Span24Config span24;
+  Span24State span24_state;
+  struct Route {
+    StreamParams stream;
+    bool candidate;
+    FrameEncoderKind kind;
+  };
+  for (const Route& r : {Route{{48000, 768000}, true, FrameEncoderKind::span24},
+                         Route{{44100, 1411200}, true, FrameEncoderKind::span24},
+                         Route{{48000, 768000}, false, FrameEncoderKind::legacy_adpcm},
+                         Route{{32000, 768000}, true, FrameEncoderKind::legacy_adpcm},
+                         Route{{48000, 512000}, true, FrameEncoderKind::legacy_adpcm}}) {
+    const DispatchedFrame d =
+        dispatch_stereo_frame(test::views(two), 2, r.stream, 2048, config, state, span24, span24_state, r.candidate);
+    EXPECT_EQ(d.kind, r.kind) << r.stream.sample_rate << " " << r.stream.bitrate << " " << r.candidate;
+    EXPECT_EQ(d.frame.bytes.size(), 2048u);
+  }
+  state = LegacyEncoderState{};
   // Silence codes no band: header and side information only.
   const CoreFrame quiet = encode(silence, 2048);
   EXPECT_EQ(quiet.payload_bits, 104u + 91u + 813u * 2u);

@@ -1,0 +1,66 @@
+#pragma once
+// The 24+8 rate-aware stereo encoder. A frame is two subframes: the first
+// carries 24 samples per band (three subsubframes), so that a band whose
+// level jumps inside it can take a transient mode and a second scale factor,
+// the second carries the last 8 with scale factors of their own. Every
+// ABITS the format has is used (1..7 as block codes), and the frame's bits
+// go, step by step, wherever they lower the chosen error measure most per
+// bit, until the constant frame size is exactly filled.
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "alloc/frame_record.h"
+#include "alloc/psycho.h"
+#include "bitstream/frame.h"
+
+namespace tavrin {
+
+enum class Span24Objective : std::uint8_t {
+  weighted_error,  // squared error weighted by the psychoacoustic model, as the legacy path measures it
+  log_error,       // error in decibels: every band's signal-to-noise ratio counts alike
+  noise_to_mask,   // noise power over the masking threshold, subsubframe by subsubframe
+};
+
+struct Span24Settings {
+  Span24Objective objective = Span24Objective::weighted_error;
+  bool transient_modes = true;
+  // How many ABITS a band may rise in one step: beyond 1, a step of several
+  // is taken where one alone buys little (from silence to the first block
+  // code, say) but more buy a lot.
+  unsigned jump_reach = 1;
+};
+
+// What --production-candidate runs, and mode "candidate".
+Span24Settings production_span24_settings();
+
+// The settings of an --experimental-span24 mode word with the scale and
+// transient flag the option parser derived from it.
+Span24Settings span24_settings(const std::string& mode, std::uint8_t scale, bool transient_mode);
+
+// Fixed for the whole stream.
+struct Span24Config {
+  Span24Settings settings = production_span24_settings();
+  PsychoConfig psycho = stereo_psycho_config();
+  std::uint32_t reserved_bits = 64;  // never spent, as the legacy path keeps them
+};
+
+struct Span24State {
+  PsychoTemporalState psycho;
+};
+
+struct Span24Frame {
+  CoreFrame frame;
+  std::uint64_t predictions = 0;      // bands coded with prediction
+  std::uint64_t reinvested_bits = 0;  // bits prediction saved and the allocation spent again
+};
+
+// channels: two blocks of 1024 subband samples (sample t of band b at
+// t * 32 + b). "AMODE primary-channel count mismatch" unless AMODE names
+// two channels; "frame too small for span24 DTS Core frame" when the frame
+// cannot hold the side information.
+Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std::uint8_t amode,
+                                const StreamParams& stream, std::uint32_t frame_bytes, const Span24Config& config,
+                                Span24State& state);
+
+}  // namespace tavrin

@@ -1,0 +1,35 @@
+#pragma once
+// Masking thresholds for the 24+8 encoder, per channel, subsubframe (8
+// subband samples) and band, in the subband samples' own power units, so
+// that quantization noise can be weighed as a noise-to-mask ratio. Built on
+// the psychoacoustic model's band statistics (energy and tonality), which
+// are computed once per frame.
+#include <array>
+#include <cstddef>
+#include <vector>
+
+#include "alloc/psycho.h"
+
+namespace tavrin {
+
+inline constexpr std::size_t kMaskSubsubframes = 4;
+inline constexpr std::size_t kMaskBands = 32;
+
+struct Span24Masks {
+  // [channel][subsubframe * 32 + band]: the noise power per sample that
+  // stays inaudible there.
+  std::vector<std::array<double, kMaskSubsubframes * kMaskBands>> mask;
+};
+
+// The subband power of a full-scale sine: its samples peak at 2^23, the
+// decoders' integer full scale.
+inline constexpr double kSubbandFullScalePower = 0.5 * 8388608.0 * 8388608.0;
+
+// The threshold in quiet per band at `sample_rate`, for a full-scale sine at
+// 96 dB SPL.
+double span24_quiet_threshold(std::size_t band, unsigned sample_rate);
+
+Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, unsigned sample_rate,
+                         const PsychoConfig& config);
+
+}  // namespace tavrin

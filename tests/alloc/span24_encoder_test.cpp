@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "alloc/span24_encoder.h"
+#include "alloc/span24_mask.h"
+#include "bitstream/test_util.h"
+#include "support/blocks.h"
+
+namespace tavrin {
+namespace {
+
+std::vector<std::vector<double>> loud_frame(std::size_t channels, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> n(0.0, 1.0);
+  std::vector<std::vector<double>> blocks(channels, std::vector<double>(1024));
+  for (auto& block : blocks)
+    for (std::size_t i = 0; i < block.size(); ++i) block[i] = n(rng) * 2e6 / (1.0 + static_cast<double>(i % 32));
+  return blocks;
+}
+
+TEST(Span24Encoder, ModesMapToTheirSettings) {
+  struct Case {
+    std::string mode;
+    std::uint8_t scale;
+    bool tmode;
+    Span24Objective objective;
+    bool transient_modes;
+    unsigned reach;
+  };
+  const Span24Settings production = production_span24_settings();
+  const std::vector<Case> cases = {
+      {"absolute", 0, false, Span24Objective::weighted_error, false, 1},
+      {"absolute-tmode", 0, true, Span24Objective::weighted_error, true, 1},
+      {"absolute-jump", 0, false, Span24Objective::weighted_error, false, 4},
+      {"log", 1, false, Span24Objective::log_error, false, 1},
+      {"mask", 2, true, Span24Objective::noise_to_mask, true, 1},
+      {"candidate", 0, false, production.objective, production.transient_modes, production.jump_reach},
+      {"candidate-jump", 0, false, production.objective, production.transient_modes, 8},
+  };
+  for (const Case& c : cases) {
+    const Span24Settings s = span24_settings(c.mode, c.scale, c.tmode);
+    EXPECT_EQ(s.objective, c.objective) << c.mode;
+    EXPECT_EQ(s.transient_modes, c.transient_modes) << c.mode;
+    EXPECT_EQ(s.jump_reach, c.reach) << c.mode;
+  }
+}
+
+// Frames come out at exactly their size, with every bit the allocation
+// counted written (the encoder checks that itself and would throw), and
+// silence codes no band at all.
+TEST(Span24Encoder, FillsEveryFrameExactly) {
+  Span24Config config;
+  Span24State state;
+  const auto two = loud_frame(2, 3);
+  for (const std::uint32_t size : {2048u, 2229u, 2730u, 3763u, 4096u}) {
+    const Span24Frame f = encode_span24_frame(test::views(two), 2, {48000, 768000}, size, config, state);
+    EXPECT_EQ(f.frame.bytes.size(), size);
+    EXPECT_LE(f.frame.payload_bits + config.reserved_bits, size * 8);
+    EXPECT_GT(f.frame.payload_bits + config.reserved_bits + 40, size * 8) << "bits left unspent at " << size;
+  }
+  const std::vector<std::vector<double>> silence(2, std::vector<double>(1024, 0.0));
+  const Span24Frame quiet = encode_span24_frame(test::views(silence), 2, {48000, 768000}, 2048, config, state);
+  for (const Subframe& s : quiet.frame.payload.subframes)
+    for (const auto& channel : s.abits)
+      for (unsigned a : channel) EXPECT_EQ(a, 0u);
+  EXPECT_EQ(test::message_of([&] { encode_span24_frame(test::views(loud_frame(3, 1)), 2, {48000, 768000}, 2048, config, state); }),
+            "AMODE primary-channel count mismatch");
+  EXPECT_EQ(test::message_of([&] { encode_span24_frame(test::views(two), 2, {48000, 768000}, 100, config, state); }),
+            "frame too small for span24 DTS Core frame");
+}
+
+// The threshold in quiet: lowest around 3-4 kHz, far above it in the top
+// band, and a full-scale sine's power sits 96 dB above its floor.
+TEST(Span24Mask, QuietThresholdFollowsHearing) {
+  const double most_sensitive = span24_quiet_threshold(4, 48000);  // 3-3.75 kHz
+  EXPECT_NEAR(10.0 * std::log10(kSubbandFullScalePower / most_sensitive), 96.0 + 5.0, 2.0);
+  EXPECT_GT(span24_quiet_threshold(31, 48000), most_sensitive * 1e6);
+  EXPECT_GT(span24_quiet_threshold(0, 48000), most_sensitive);
+}
+
+}  // namespace
+}  // namespace tavrin
