@@ -357,13 +357,7 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   Span24Frame out;
   CoreFrame& frame = out.frame;
   CoreFrameHeader& header = frame.header;
-  header.amode = amode;
-  header.sample_rate = stream.sample_rate;
-  header.bitrate = stream.bitrate;
-  header.frame_bytes = static_cast<std::uint16_t>(frame_bytes);
-  header.filts = 1;
-  header.vernum = 7;
-  header.chist = 0;
+  set_stereo_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
   header.hflag = 0;  // no band is predicted, so no history is needed
 
   BitWriter writer(frame_bytes);

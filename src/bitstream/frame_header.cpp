@@ -93,4 +93,15 @@ void write_header(BitWriter& w, const CoreFrameHeader& h) {
   w.write(h.dialnorm, 4);
 }
 
+void set_stereo_encoder_header(CoreFrameHeader& header, std::uint8_t amode, std::uint32_t sample_rate,
+                               std::uint32_t bitrate, std::uint32_t frame_bytes) {
+  header.amode = amode;
+  header.sample_rate = sample_rate;
+  header.bitrate = bitrate;
+  header.frame_bytes = static_cast<std::uint16_t>(frame_bytes);
+  header.filts = 1;
+  header.vernum = 7;
+  header.chist = 0;
+}
+
 }  // namespace tavrin
