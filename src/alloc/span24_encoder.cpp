@@ -71,6 +71,12 @@ const Span24Costs& span24_costs() {
 
 // ---- Allocation units -------------------------------------------------------
 
+constexpr std::array<double, kMaxAbits + 1> filled_with_nan() {
+  std::array<double, kMaxAbits + 1> a{};
+  a.fill(std::numeric_limits<double>::quiet_NaN());
+  return a;
+}
+
 // One band of one channel in one subframe, with everything its steps need.
 struct Unit {
   unsigned sub = 0, channel = 0, band = 0;
@@ -85,6 +91,8 @@ struct Unit {
   std::array<double, 3> floor{};       // per subsubframe: the log measure's floor
   unsigned abits = 0;
   double value = 0.0;  // the objective at abits
+  // The objective at each ABITS once measured; NaN until then.
+  std::array<double, kMaxAbits + 1> known = filled_with_nan();
   // The best next step.
   unsigned next = 0;  // 0: none
   double next_value = 0.0;
@@ -92,50 +100,68 @@ struct Unit {
   std::uint32_t step_bits = 0;
 };
 
+// One part of a unit coded at some ABITS: its quantizer and the squared
+// error it leaves in each subsubframe.
+struct PartCode {
+  QuantizerChoice choice;
+  std::array<double, 3> error{};
+};
+
 // The scale at which the part's peak just fits is not always the one with
 // the least error: a step smaller clips the peak a little but quantizes the
 // rest finer. Trying both keeps the error falling as ABITS rises, which the
-// step-by-step search relies on.
-QuantizerChoice part_quantizer(const Unit& u, unsigned part, unsigned abits) {
-  const QuantizerChoice fit = quantizer_at(u.peak[part], abits);
-  if (fit.scale_index == 0) return fit;
-  const QuantizerChoice finer = quantizer_choice(abits, kScaleFactor6.data() + fit.scale_index - 1);
-  double fit_error = 0.0, finer_error = 0.0;
-  for (unsigned i = u.part_start[part]; i < u.part_end[part]; ++i) {
-    const double a = u.x[i] - quantize_index(u.x[i], fit) * fit.quantum;
-    const double b = u.x[i] - quantize_index(u.x[i], finer) * finer.quantum;
-    fit_error += a * a;
-    finer_error += b * b;
+// step-by-step search relies on. Both are measured in one pass.
+PartCode code_part(const Unit& u, unsigned part, unsigned abits) {
+  PartCode fit{quantizer_at(u.peak[part], abits)};
+  if (fit.choice.scale_index == 0) {
+    for (unsigned i = u.part_start[part]; i < u.part_end[part]; ++i) {
+      const double d = u.x[i] - quantize_index(u.x[i], fit.choice) * fit.choice.quantum;
+      fit.error[i / kSsfSamples] += d * d;
+    }
+    return fit;
   }
-  return finer_error < fit_error ? finer : fit;
+  PartCode finer{quantizer_choice(abits, kScaleFactor6.data() + fit.choice.scale_index - 1)};
+  double fit_total = 0.0, finer_total = 0.0;
+  for (unsigned i = u.part_start[part]; i < u.part_end[part]; ++i) {
+    const double a = u.x[i] - quantize_index(u.x[i], fit.choice) * fit.choice.quantum;
+    const double b = u.x[i] - quantize_index(u.x[i], finer.choice) * finer.choice.quantum;
+    fit_total += a * a;
+    finer_total += b * b;
+    fit.error[i / kSsfSamples] += a * a;
+    finer.error[i / kSsfSamples] += b * b;
+  }
+  return finer_total < fit_total ? finer : fit;
+}
+
+QuantizerChoice part_quantizer(const Unit& u, unsigned part, unsigned abits) {
+  return code_part(u, part, abits).choice;
 }
 
 // Squared error of each subsubframe at ABITS a (a = 0: the signal itself).
 std::array<double, 3> errors_at(const Unit& u, unsigned a) {
   std::array<double, 3> e{};
-  QuantizerChoice q[2];
-  if (a > 0) {
-    q[0] = part_quantizer(u, 0, a);
-    q[1] = u.tmode > 0 ? part_quantizer(u, 1, a) : q[0];
+  if (a == 0) {
+    for (unsigned i = 0; i < u.count; ++i) e[i / kSsfSamples] += u.x[i] * u.x[i];
+    return e;
   }
-  for (unsigned i = 0; i < u.count; ++i) {
-    const unsigned j = i / kSsfSamples;
-    double d = u.x[i];
-    if (a > 0) {
-      const QuantizerChoice& choice = q[u.tmode > 0 && j >= u.tmode ? 1 : 0];
-      d -= quantize_index(u.x[i], choice) * choice.quantum;
-    }
-    e[j] += d * d;
+  const unsigned parts = u.tmode > 0 ? 2 : 1;
+  for (unsigned part = 0; part < parts; ++part) {
+    const PartCode coded = code_part(u, part, a);
+    for (unsigned j = 0; j < 3; ++j) e[j] += coded.error[j];
   }
   return e;
 }
 
-double objective(const Unit& u, unsigned a, Span24Objective kind) {
+// The objective at ABITS a; each ABITS is measured once per unit, however
+// often the search comes back to it.
+double objective(Unit& u, unsigned a, Span24Objective kind) {
+  if (u.known[a] == u.known[a]) return u.known[a];
   const std::array<double, 3> e = errors_at(u, a);
   double v = 0.0;
   for (unsigned j = 0; j < u.count / kSsfSamples; ++j) {
     v += kind == Span24Objective::log_error ? 10.0 * std::log10(e[j] + u.floor[j]) : u.weight[j] * e[j];
   }
+  u.known[a] = v;
   return v;
 }
 
