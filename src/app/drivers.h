@@ -73,6 +73,10 @@ LoopTotals encode_input(std::ostream& out, const PcmInput& input, const EncoderO
 void finish_output(std::ostream& out);
 std::string output_line(const LoopTotals& totals, std::uint32_t bitrate);
 std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate);
+// Bits per second the frames written carry (0 without frames), and the mean
+// count of coded bands a frame.
+double realized_bitrate(const LoopTotals& totals, std::uint32_t sample_rate);
+double average_active_bands(const LoopTotals& totals);
 // The note that the level had to be lowered somewhere, or "" when it was not.
 std::string headroom_line(const LoopTotals& totals);
 std::string fixed2(double value);

@@ -159,11 +159,9 @@ void print_closing(const LoopTotals& t, const PcmInput& input, const EncoderOpti
   out << "DTS:        " << input.sample_rate << " Hz\n";
   out << "Streaming: " << kbps_text(o.bitrate) << " kbps CBR Core, AMODE 9 + LFF2\n";
   out << "Frames:     " << t.frames << " DTS frame(s)\n";
-  const double seconds = static_cast<double>(t.frames * kPcmFrameSamples) / input.sample_rate;
-  out << "Realized: " << fixed2(t.frames == 0 ? 0.0 : static_cast<double>(t.total_bytes) * 8.0 / seconds / 1000.0)
-      << " kbps average\n";
-  const double average = t.frames == 0 ? 0.0 : static_cast<double>(t.active_total) / static_cast<double>(t.frames);
-  out << "Bands:      active min/avg/max " << t.active_min << "/" << fixed2(average) << "/" << t.active_max << "\n";
+  out << "Realized: " << fixed2(realized_bitrate(t, input.sample_rate) / 1000.0) << " kbps average\n";
+  out << "Bands:      active min/avg/max " << t.active_min << "/" << fixed2(average_active_bands(t)) << "/"
+      << t.active_max << "\n";
   out << "Padding: " << t.padding << " final sample(s)/channel\n";
   out << headroom_line(t);
   out.flush();

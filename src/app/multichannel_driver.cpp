@@ -20,7 +20,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
   if (s.frames > 0) {
     o << realized_line(s, input.sample_rate);
     o << "Active band-groups min/avg/max: " << s.active_min << "/"
-      << fixed2(static_cast<double>(s.active_total) / static_cast<double>(s.frames)) << "/" << s.active_max << "\n";
+      << fixed2(average_active_bands(s)) << "/" << s.active_max << "\n";
   }
   if (s.padding != 0) o << "Final frame zero-padded by " << s.padding << " samples/channel\n";
   o << headroom_line(s);

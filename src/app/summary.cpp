@@ -46,12 +46,18 @@ std::string headroom_line(const LoopTotals& totals) {
          std::to_string(totals.headroom_frames) + " frames; the input's peaks exceed what DTS decoders carry\n";
 }
 
+double realized_bitrate(const LoopTotals& totals, std::uint32_t sample_rate) {
+  if (totals.frames == 0) return 0.0;
+  return static_cast<double>(totals.total_bytes) * 8.0 * static_cast<double>(sample_rate) /
+         (static_cast<double>(totals.frames) * static_cast<double>(kPcmFrameSamples));
+}
+
+double average_active_bands(const LoopTotals& totals) {
+  return totals.frames == 0 ? 0.0 : static_cast<double>(totals.active_total) / static_cast<double>(totals.frames);
+}
+
 std::string realized_line(const LoopTotals& totals, std::uint32_t sample_rate) {
-  const double realized = static_cast<double>(totals.total_bytes) * 8.0 * static_cast<double>(sample_rate) /
-                          (static_cast<double>(totals.frames) * static_cast<double>(kPcmFrameSamples));
-  std::ostringstream line;
-  line << "Realized average bitrate: " << fixed2(realized) << " bit/s\n";
-  return line.str();
+  return "Realized average bitrate: " + fixed2(realized_bitrate(totals, sample_rate)) + " bit/s\n";
 }
 
 }  // namespace tavrin
