@@ -94,41 +94,39 @@ BedAnalysis analyse_bed(const PcmInput& input, const BedSettings& settings, Prog
   return a;
 }
 
-// Collects bed blocks of any length into the loop's 1024-sample frames.
+// Bed blocks of any length, collected into the loop's 1024-sample frames.
 struct BedFrames {
-  EncodeLoop& loop;
   PcmFrame frame;
   std::array<std::size_t, kBedChannels> slot_of_bed{};
-
-  explicit BedFrames(EncodeLoop& l) : loop(l), slot_of_bed(bed_slots(l.layout)) {
-    frame.channels.assign(kBedChannels, std::vector<double>(kPcmFrameSamples));
-  }
-
-  void push(const BedChannels& bed, double gain) {
-    const std::size_t n = bed[0].size();
-    for (std::size_t at = 0; at < n;) {
-      const std::size_t take = std::min(kPcmFrameSamples - frame.count, n - at);
-      for (std::size_t b = 0; b < kBedChannels; ++b) {
-        double* to = frame.channels[slot_of_bed[b]].data() + frame.count;
-        for (std::size_t i = 0; i < take; ++i) to[i] = bed_sample(bed[b][at + i], gain);
-      }
-      frame.count += take;
-      at += take;
-      if (frame.count == kPcmFrameSamples) emit();
-    }
-  }
-
-  void finish() {
-    if (frame.count > 0) emit();
-  }
-
-  void emit() {
-    for (auto& channel : frame.channels) channel.resize(frame.count);
-    encode_pcm_frame(loop, frame);
-    for (auto& channel : frame.channels) channel.resize(kPcmFrameSamples);
-    frame.count = 0;
-  }
 };
+
+BedFrames open_bed_frames(const ChannelLayout& layout) {
+  BedFrames f;
+  f.slot_of_bed = bed_slots(layout);
+  f.frame.channels.assign(kBedChannels, std::vector<double>(kPcmFrameSamples));
+  return f;
+}
+
+// The loop pads a short frame back to 1024 samples itself.
+void emit_bed_frame(EncodeLoop& loop, BedFrames& f) {
+  for (auto& channel : f.frame.channels) channel.resize(f.frame.count);
+  encode_pcm_frame(loop, f.frame);
+  f.frame.count = 0;
+}
+
+void push_bed(EncodeLoop& loop, BedFrames& f, const BedChannels& bed, double gain) {
+  const std::size_t n = bed[0].size();
+  for (std::size_t at = 0; at < n;) {
+    const std::size_t take = std::min(kPcmFrameSamples - f.frame.count, n - at);
+    for (std::size_t b = 0; b < kBedChannels; ++b) {
+      double* to = f.frame.channels[f.slot_of_bed[b]].data() + f.frame.count;
+      for (std::size_t i = 0; i < take; ++i) to[i] = bed_sample(bed[b][at + i], gain);
+    }
+    f.frame.count += take;
+    at += take;
+    if (f.frame.count == kPcmFrameSamples) emit_bed_frame(loop, f);
+  }
+}
 
 void print_header(const PcmInput& input, const EncoderOptions& o, const BedSettings& s) {
   std::ostream& out = std::cout;
@@ -184,10 +182,10 @@ void encode_matrix(std::ostream& out, const PcmInput& input, const EncoderOption
 
   const ChannelLayout layout = *parse_layout_name("5.1");
   EncodeLoop loop = open_encode_loop(out, layout, input.sample_rate, options);
-  BedFrames frames(loop);
+  BedFrames frames = open_bed_frames(loop.layout);
   run_bed_pass(input, settings, progress, kEncodingLabel,
-               [&](const BedChannels& bed) { frames.push(bed, analysis.gain); });
-  frames.finish();
+               [&](const BedChannels& bed) { push_bed(loop, frames, bed, analysis.gain); });
+  if (frames.frame.count > 0) emit_bed_frame(loop, frames);
   finish_output(out);
   print_closing(finish_encode_loop(loop), input, options, settings, analysis);
 }
