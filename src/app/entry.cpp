@@ -113,17 +113,12 @@ InputSource check_input(const std::string& input_path, const std::string& output
 // FLAC is decoded twice and never held whole: a checking pass reports
 // every failure before the output gets a single frame, then the encoding
 // pass feeds the frame loop.
-// The plain stereo and multichannel encodes draw their progress line only
-// for a person watching: a file or a pipe gets the summary lines alone.
-ProgressState* plain_progress(ProgressState& progress, bool output_is_terminal) {
-  return output_is_terminal ? &progress : nullptr;
-}
-
+// `plain` is the progress of the stereo and multichannel encodes, null when
+// they draw none; the matrix path always draws into `progress`.
 void run_flac(const std::string& input_path, std::ostream& out, const EncoderOptions& options,
-              ProgressState& progress) {
+              ProgressState& progress, ProgressState* plain) {
   if (options.raw) throw std::runtime_error("--raw cannot be used with FLAC input");
   const FlacStreamInfo info = check_flac_file(input_path);
-  ProgressState* const plain = plain_progress(progress, standard_output_is_terminal());
   if (options.matrixDecode) {
     encode_matrix_flac(out, input_path, info, options, progress);
   } else if (has_bass_options(options)) {
@@ -136,11 +131,10 @@ void run_flac(const std::string& input_path, std::ostream& out, const EncoderOpt
 }
 
 void run_stream(std::istream& in, std::ostream& out, const EncoderOptions& options, const InputSource& source,
-                const std::string& shown_path, ProgressState& progress) {
+                const std::string& shown_path, ProgressState& progress, ProgressState* plain) {
   const PcmSourceInfo info = describe_input(in, options, source.pipe);
   if (!validate_layout(info.layout)) throw std::runtime_error("unsupported channel layout");
   const std::string label = input_label(info);
-  ProgressState* const plain = plain_progress(progress, standard_output_is_terminal());
   if (options.matrixDecode) {
     if (!options.devMatrixMemoryReference) {
       // Its analysis passes read the input again from the start.
@@ -177,6 +171,9 @@ int encode(int argc, char** argv) {
   if (options.quiet) std::cout.setstate(std::ios::failbit);
   ProgressState progress;
   progress.suppressed = options.quiet;
+  // The plain encodes draw their progress line only for a person watching:
+  // a file or a pipe gets the summary lines alone.
+  ProgressState* const plain = standard_output_is_terminal() ? &progress : nullptr;
 
   const InputSource source = check_input(input_path, output_path);
   const bool flac = !source.standard_input && is_flac_name(input_path);
@@ -192,10 +189,10 @@ int encode(int argc, char** argv) {
   if (!out) throw std::runtime_error("cannot create output DTS: " + output_path);
 
   if (flac) {
-    run_flac(input_path, out, options, progress);
+    run_flac(input_path, out, options, progress, plain);
   } else if (source.standard_input) {
     use_binary_standard_input();
-    run_stream(std::cin, out, options, source, "standard input", progress);
+    run_stream(std::cin, out, options, source, "standard input", progress, plain);
   } else {
     // A frame is only a few kilobytes of PCM; a larger buffer saves a
     // system call per frame.
@@ -204,7 +201,7 @@ int encode(int argc, char** argv) {
     in.rdbuf()->pubsetbuf(in_buffer.data(), static_cast<std::streamsize>(in_buffer.size()));
     in.open(path_from_utf8(input_path), std::ios::binary);
     if (!in) throw std::runtime_error("cannot open input: " + input_path);
-    run_stream(in, out, options, source, input_path, progress);
+    run_stream(in, out, options, source, input_path, progress, plain);
   }
   out.close();
   // Whatever the stream still held must reach the file too.

@@ -30,7 +30,7 @@ void print_summary(const LoopTotals& s, const PcmInput& input, const EncoderOpti
 }  // namespace
 
 void encode_multichannel(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
-                          ProgressState* progress) {
+                         ProgressState* progress) {
   if (options.legacy || options.productionCandidate || options.span24Given) {
     throw std::runtime_error("--legacy, --production-candidate and --experimental-span24 are stereo-only");
   }

@@ -72,7 +72,7 @@ PcmInput flac_input(const std::string& path, const FlacStreamInfo& info) {
 }
 
 void encode_stereo(std::ostream& out, const PcmInput& input, const EncoderOptions& options,
-                    ProgressState* progress) {
+                   ProgressState* progress) {
   print_summary(encode_input(out, input, options, progress), input, options);
 }
 
