@@ -105,17 +105,6 @@ inline QuantizerChoice quantizer_at(double peak, unsigned abits, unsigned scale_
   return quantizer_choice(abits, first_scale_at_least(needed, scale_hint));
 }
 
-// The index of x at `choice` for any ABITS 1..26: nearest, clamped to the
-// ABITS's range, NaN as 0.
-inline std::int32_t quantize_index(double x, const QuantizerChoice& choice) {
-  if (choice.abits == 0) return 0;
-  if (choice.abits >= 8) return quantize(x, choice);
-  const auto reach = static_cast<double>(kBlockCodeReach[choice.abits]);
-  const double r = x / choice.quantum;
-  const double clamped = r < -reach ? -reach : (r > reach ? reach : r);
-  constexpr double kShift = 0x1.8p52;
-  return r == r ? static_cast<std::int32_t>((clamped + kShift) - kShift) : 0;
-}
 
 
 // baseline_quantizer_for_peak(peak, abits, abits, hint) without its division,
@@ -146,16 +135,21 @@ inline double step_size(unsigned abits) {
 // Round half to even on r (a sample in quantizer units), clamped to the
 // index range of `abits` (8..26), NaN coding as 0; the result is an integral
 // double.
-inline double rounded_units(double r, unsigned abits) {
-  const auto half = static_cast<double>(std::int32_t{1} << (abits - 4));
+// The same within integer bounds [lo, hi].
+inline double rounded_units_within(double r, double lo, double hi) {
   // Clamping to integer bounds before rounding gives what rounding first
   // would, and keeps the value small enough for the 1.5 * 2^52 shift: the
   // sum has no fraction bits left, so the FPU's round-to-nearest-even mode
   // (which the program never changes) does the rounding without a libm call.
-  const double clamped = r < -half ? -half : (r > half - 1.0 ? half - 1.0 : r);
+  const double clamped = r < lo ? lo : (r > hi ? hi : r);
   constexpr double kShift = 0x1.8p52;
   const double rounded = (clamped + kShift) - kShift;
   return r == r ? rounded : 0.0;
+}
+
+inline double rounded_units(double r, unsigned abits) {
+  const auto half = static_cast<double>(std::int32_t{1} << (abits - 4));
+  return rounded_units_within(r, -half, half - 1.0);
 }
 
 inline double quantized_units(double x, double quantum, unsigned abits) { return rounded_units(x / quantum, abits); }
@@ -166,6 +160,15 @@ inline std::int32_t quantize(double x, const QuantizerChoice& choice) {
   if (choice.abits == 0) return 0;
   if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
   return static_cast<std::int32_t>(quantized_units(x, choice.quantum, choice.abits));
+}
+
+// The index of x at `choice` for any ABITS 1..26: nearest, clamped to the
+// ABITS's range, NaN as 0.
+inline std::int32_t quantize_index(double x, const QuantizerChoice& choice) {
+  if (choice.abits == 0) return 0;
+  if (choice.abits >= 8) return quantize(x, choice);
+  const auto reach = static_cast<double>(kBlockCodeReach[choice.abits]);
+  return static_cast<std::int32_t>(rounded_units_within(x / choice.quantum, -reach, reach));
 }
 
 // quantized_units for N samples at once (N even, abits 8..26): units[k] is
