@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <random>
-#include <string>
 #include <vector>
 
 #include "alloc/span24_encoder.h"
@@ -20,33 +19,6 @@ std::vector<std::vector<double>> loud_frame(std::size_t channels, unsigned seed)
   for (auto& block : blocks)
     for (std::size_t i = 0; i < block.size(); ++i) block[i] = n(rng) * 2e6 / (1.0 + static_cast<double>(i % 32));
   return blocks;
-}
-
-TEST(Span24Encoder, ModesMapToTheirSettings) {
-  struct Case {
-    std::string mode;
-    std::uint8_t scale;
-    bool tmode;
-    Span24Objective objective;
-    bool transient_modes;
-    unsigned reach;
-  };
-  const Span24Settings production = production_span24_settings();
-  const std::vector<Case> cases = {
-      {"absolute", 0, false, Span24Objective::weighted_error, false, 1},
-      {"absolute-tmode", 0, true, Span24Objective::weighted_error, true, 1},
-      {"absolute-jump", 0, false, Span24Objective::weighted_error, false, 4},
-      {"log", 1, false, Span24Objective::log_error, false, 1},
-      {"mask", 2, true, Span24Objective::noise_to_mask, true, 1},
-      {"candidate", 0, false, production.objective, production.transient_modes, production.jump_reach},
-      {"candidate-jump", 0, false, production.objective, production.transient_modes, 8},
-  };
-  for (const Case& c : cases) {
-    const Span24Settings s = span24_settings(c.mode, c.scale, c.tmode);
-    EXPECT_EQ(s.objective, c.objective) << c.mode;
-    EXPECT_EQ(s.transient_modes, c.transient_modes) << c.mode;
-    EXPECT_EQ(s.jump_reach, c.reach) << c.mode;
-  }
 }
 
 // Frames come out at exactly their size, with every bit the allocation
