@@ -1,12 +1,12 @@
 #include "alloc/span24_encoder.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
 
 #include "alloc/plan_payload.h"
-#include "alloc/span24_mask.h"
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
 #include "dsp/quantizer.h"
@@ -229,7 +229,8 @@ unsigned choose_tmode(const Unit& u) {
 }
 
 std::vector<Unit> make_units(const std::vector<const double*>& channels, const PsychoAnalysis& psycho,
-                             const Span24Masks& masks, unsigned sample_rate, const Span24Settings& settings) {
+                             const Span24Masks& masks, const Span24MaskTables& tables,
+                             const Span24Settings& settings) {
   std::vector<Unit> units;
   units.reserve(2 * kChannels * kBands);
   for (unsigned sub = 0; sub < 2; ++sub) {
@@ -253,7 +254,7 @@ std::vector<Unit> make_units(const std::vector<const double*>& channels, const P
         u.part_end = {u.tmode > 0 ? u.tmode * kSsfSamples : u.count, u.count};
         u.part_start = {0, u.part_end[0]};
         if (u.tmode == 0) u.peak[1] = u.peak[0];
-        const double quiet = span24_quiet_threshold(b, sample_rate);
+        const double quiet = tables.quiet[b];
         for (unsigned j = 0; j < u.count / kSsfSamples; ++j) {
           const unsigned ssf = u.first_ssf + j;
           const PsychoBandRecord& r = psycho.subframes[ssf][c * kBands + b];
@@ -302,26 +303,47 @@ std::uint64_t spent_bits(const std::vector<Unit>& units, const Budget& budget) {
   return bits;
 }
 
-// Greedy: always the step that lowers the objective most per bit, until no
-// step fits what is left. A step priced before the budget shrank is
-// re-priced when it comes up.
+// Greedy: always the step that lowers the objective most per bit (the
+// lowest unit on a tie), until no step fits what is left. A step priced
+// before the budget shrank is re-priced when it comes up. The best step is
+// kept in a heap rather than searched for: a frame takes a thousand steps or
+// more over 128 units. An entry whose unit has moved on since is skipped.
+struct StepEntry {
+  double gain = 0.0;
+  std::uint32_t unit = 0;
+  std::uint32_t version = 0;
+};
+
+bool comes_later(const StepEntry& a, const StepEntry& b) {
+  return a.gain < b.gain || (a.gain == b.gain && a.unit > b.unit);
+}
+
 void spend(std::vector<Unit>& units, std::uint64_t budget_bits, const Budget& budget,
            const Span24Settings& settings) {
   std::uint64_t remaining = budget_bits - spent_bits(units, budget);
-  for (Unit& u : units) find_step(u, remaining, budget, settings);
-  for (;;) {
-    Unit* best = nullptr;
-    for (Unit& u : units)
-      if (u.next != 0 && (best == nullptr || u.gain > best->gain)) best = &u;
-    if (best == nullptr) return;
-    if (best->step_bits > remaining) {
-      find_step(*best, remaining, budget, settings);
-      continue;
+  std::vector<std::uint32_t> version(units.size(), 0);
+  std::vector<StepEntry> heap;
+  heap.reserve(units.size() * 2);
+  const auto offer = [&](std::uint32_t i) {
+    find_step(units[i], remaining, budget, settings);
+    ++version[i];
+    if (units[i].next == 0) return;
+    heap.push_back({units[i].gain, i, version[i]});
+    std::push_heap(heap.begin(), heap.end(), comes_later);
+  };
+  for (std::uint32_t i = 0; i < units.size(); ++i) offer(i);
+  while (!heap.empty()) {
+    std::pop_heap(heap.begin(), heap.end(), comes_later);
+    const StepEntry top = heap.back();
+    heap.pop_back();
+    if (top.version != version[top.unit]) continue;
+    Unit& u = units[top.unit];
+    if (u.step_bits <= remaining) {
+      u.abits = u.next;
+      u.value = u.next_value;
+      remaining -= u.step_bits;
     }
-    best->abits = best->next;
-    best->value = best->next_value;
-    remaining -= best->step_bits;
-    find_step(*best, remaining, budget, settings);
+    offer(top.unit);
   }
 }
 
@@ -397,8 +419,9 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   const std::uint64_t audio_budget = budget - header_bits - config.reserved_bits - costs.side_bits;
 
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
-  const Span24Masks masks = span24_masks(psycho, kChannels, stream.sample_rate, config.psycho);
-  std::vector<Unit> units = make_units(channels, psycho, masks, stream.sample_rate, config.settings);
+  if (!state.mask_tables) state.mask_tables = span24_mask_tables(stream.sample_rate, config.psycho);
+  const Span24Masks masks = span24_masks(psycho, kChannels, *state.mask_tables);
+  std::vector<Unit> units = make_units(channels, psycho, masks, *state.mask_tables, config.settings);
   Budget prices{costs, best_tmode_books(units, true)};
   spend(units, audio_budget, prices, config.settings);
   // Only coded bands send a TMODE code: a cheaper book may now fit, and the

@@ -7,11 +7,13 @@
 // go, step by step, wherever they lower the chosen error measure most per
 // bit, until the constant frame size is exactly filled.
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "alloc/frame_record.h"
 #include "alloc/psycho.h"
+#include "alloc/span24_mask.h"
 #include "bitstream/frame.h"
 
 namespace tavrin {
@@ -47,6 +49,8 @@ struct Span24Config {
 
 struct Span24State {
   PsychoTemporalState psycho;
+  // Made on the stream's first frame, when its rate is known.
+  std::optional<Span24MaskTables> mask_tables;
 };
 
 struct Span24Frame {

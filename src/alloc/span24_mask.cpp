@@ -31,14 +31,18 @@ double span24_quiet_threshold(std::size_t band, unsigned sample_rate) {
   return kSubbandFullScalePower * std::pow(10.0, (lowest_db - 96.0) / 10.0);
 }
 
-Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, unsigned sample_rate,
-                         const PsychoConfig& config) {
-  std::array<double, kMaskBands> quiet{}, below{}, above{};
+Span24MaskTables span24_mask_tables(unsigned sample_rate, const PsychoConfig& config) {
+  Span24MaskTables t;
   for (std::size_t b = 0; b < kMaskBands; ++b) {
-    quiet[b] = span24_quiet_threshold(b, sample_rate);
-    below[b] = std::pow(10.0, -config.lower_spreading_slope * static_cast<double>(b) / 10.0);
-    above[b] = std::pow(10.0, -config.upper_spreading_slope * static_cast<double>(b) / 10.0);
+    t.quiet[b] = span24_quiet_threshold(b, sample_rate);
+    t.below[b] = std::pow(10.0, -config.lower_spreading_slope * static_cast<double>(b) / 10.0);
+    t.above[b] = std::pow(10.0, -config.upper_spreading_slope * static_cast<double>(b) / 10.0);
   }
+  return t;
+}
+
+Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, const Span24MaskTables& tables) {
+  const auto& [quiet, below, above] = tables;
   Span24Masks out;
   out.mask.resize(channels);
   for (std::size_t c = 0; c < channels; ++c) {

@@ -29,7 +29,17 @@ inline constexpr double kSubbandFullScalePower = 0.5 * 8388608.0 * 8388608.0;
 // 96 dB SPL.
 double span24_quiet_threshold(std::size_t band, unsigned sample_rate);
 
-Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, unsigned sample_rate,
-                         const PsychoConfig& config);
+// What the masks need that depends on the stream alone: the threshold in
+// quiet and the spreading attenuations per band distance. Made once per
+// stream.
+struct Span24MaskTables {
+  std::array<double, kMaskBands> quiet{};
+  std::array<double, kMaskBands> below{};  // masker below the band, by distance
+  std::array<double, kMaskBands> above{};  // masker above the band, by distance
+};
+
+Span24MaskTables span24_mask_tables(unsigned sample_rate, const PsychoConfig& config);
+
+Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, const Span24MaskTables& tables);
 
 }  // namespace tavrin
