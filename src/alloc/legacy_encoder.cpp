@@ -21,7 +21,7 @@ CoreFrame encode_legacy_frame(const std::vector<const double*>& channels, std::u
   }
   CoreFrame frame;
   CoreFrameHeader& header = frame.header;
-  set_stereo_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
+  set_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
   header.hflag = (state.adpcm.history_available && !state.adpcm.reset_pending) ? 1 : 0;
 
   // The frame is written into this writer as it goes: the header now, for

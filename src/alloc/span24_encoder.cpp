@@ -405,7 +405,7 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   Span24Frame out;
   CoreFrame& frame = out.frame;
   CoreFrameHeader& header = frame.header;
-  set_stereo_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
+  set_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
   header.hflag = 0;  // no band is predicted, so no history is needed
 
   BitWriter writer(frame_bytes);

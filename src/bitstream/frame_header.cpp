@@ -93,7 +93,7 @@ void write_header(BitWriter& w, const CoreFrameHeader& h) {
   w.write(h.dialnorm, 4);
 }
 
-void set_stereo_encoder_header(CoreFrameHeader& header, std::uint8_t amode, std::uint32_t sample_rate,
+void set_encoder_header(CoreFrameHeader& header, std::uint8_t amode, std::uint32_t sample_rate,
                                std::uint32_t bitrate, std::uint32_t frame_bytes) {
   header.amode = amode;
   header.sample_rate = sample_rate;

@@ -34,10 +34,10 @@ struct CoreFrameHeader {
   std::uint8_t dialnorm = 0;  // 4 bits
 };
 
-// Fills the header of a frame made by the stereo encoders: the caller's
+// Fills the header of a frame made by this program's encoders: the caller's
 // AMODE, rates and size, the perfect-reconstruction bank (FILTS 1), version
-// 7, no copy history; HFLAG is the caller's to set.
-void set_stereo_encoder_header(CoreFrameHeader& header, std::uint8_t amode, std::uint32_t sample_rate,
+// 7, no copy history; HFLAG and LFF are the caller's to set.
+void set_encoder_header(CoreFrameHeader& header, std::uint8_t amode, std::uint32_t sample_rate,
                                std::uint32_t bitrate, std::uint32_t frame_bytes);
 
 // Size checks first ("frame size 96..16384", "NBLKS < 5",

@@ -60,17 +60,12 @@ MultichannelFrameSetup setup_multichannel_frame(const ChannelLayout& layout, std
   setup.payload_budget = frame_bits - setup.lfe_bits - header_bits();
 
   CoreFrameHeader& h = setup.header;
-  h.amode = layout.amode;
-  h.sample_rate = sample_rate;
-  h.bitrate = bitrate;
-  h.frame_bytes = static_cast<std::uint16_t>(frame_bytes);
+  set_encoder_header(h, layout.amode, sample_rate, bitrate, frame_bytes);
   h.normal_frame = 1;
   h.deficit_samples = 31;
   h.crc_present = 0;
   h.nblks = 31;
   h.hflag = 0;
-  h.filts = 1;
-  h.vernum = 7;
   h.pcm_bits = 24;
   h.lff = layout.has_lfe ? kMultichannelLff : 0;
   return setup;

@@ -63,7 +63,7 @@ Built build_stream(const std::vector<std::vector<double>>& pcm, unsigned abits) 
     for (int c = 0; c < 2; ++c) sub.push_back(analyse_frame(banks[c], pcm[c].data() + n * 1024));
     const std::uint16_t size = next_frame_bytes(sizer);
     CoreFrame f;
-    set_stereo_encoder_header(f.header, 2, 48000, 1411200, size);
+    set_encoder_header(f.header, 2, 48000, 1411200, size);
     f.payload.header = legacy_primary_header(2);
     f.payload.header.subfs = 2;
     f.payload.block_codes = true;
