@@ -160,6 +160,29 @@ void BM_MatrixEncode(benchmark::State& state) {
   encode_input(state, 2, static_cast<unsigned>(state.range(0)), flac, options);
 }
 
+// 60 s of stereo through each stereo encoder: the legacy default, the
+// production candidate and every experimental span24 mode. Arguments:
+// {encoder (0 legacy, 1 production candidate, 2.. the modes in order),
+// kbit/s}.
+const std::vector<std::string> kSpan24Modes = {"absolute", "absolute-tmode", "absolute-jump", "candidate",
+                                               "candidate-jump", "log", "mask"};
+
+void BM_StereoEncoder(benchmark::State& state) {
+  const auto encoder = static_cast<std::size_t>(state.range(0));
+  std::vector<std::string> options = {"-b", std::to_string(state.range(1))};
+  if (encoder == 1) options.push_back("--production-candidate");
+  if (encoder >= 2) options.insert(options.end(), {"--experimental-span24", kSpan24Modes.at(encoder - 2)});
+  state.SetLabel(encoder == 0 ? "legacy" : encoder == 1 ? "production-candidate" : kSpan24Modes.at(encoder - 2));
+  encode_input(state, 2, 60, false, options);
+}
+
+BENCHMARK(BM_StereoEncoder)
+    ->ArgsProduct({{0, 1, 2, 3, 4, 5, 6, 7, 8}, {768}})
+    ->Args({1, 1411})
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
 // The long inputs show that memory does not grow with the length of the
 // input; a FLAC input is decoded twice (checked, then encoded) and never
 // held whole. The half-hour 5.1 files take a few minutes to make (1.5 GB of

@@ -2,7 +2,10 @@
 // The 24+8 rate-aware stereo encoder. A frame is two subframes: the first
 // carries 24 samples per band (three subsubframes), so that a band whose
 // level jumps inside it can take a transient mode and a second scale factor,
-// the second carries the last 8 with scale factors of their own. Every
+// the second carries the last 8 with scale factors of their own. A frame
+// whose subsubframes differ sharply in what is at stake (a click over
+// silence, the first frame after a drum hit) is also allocated as four
+// subframes of 8, and is sent that way when that measures better. Every
 // ABITS the format has is used (1..7 as block codes), and the frame's bits
 // go, step by step, wherever they lower the chosen error measure most per
 // bit, until the constant frame size is exactly filled.

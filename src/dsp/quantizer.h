@@ -171,12 +171,11 @@ inline std::int32_t quantize_index(double x, const QuantizerChoice& choice) {
   return static_cast<std::int32_t>(rounded_units_within(x / choice.quantum, -reach, reach));
 }
 
-// quantized_units for N samples at once (N even, abits 8..26): units[k] is
-// quantize(x[k], choice) as a double.
+// Round half to even on x[k] / quantum for N samples at once (N even),
+// clamped to integer bounds [lo, hi], NaN as 0: rounded_units_within on each.
 template <std::size_t N>
-void quantized_units_n(const double* x, const QuantizerChoice& choice, double* units) {
+void rounded_units_within_n(const double* x, double quantum_value, double lo_value, double hi_value, double* units) {
   static_assert(N % 2 == 0);
-  if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
 #if defined(__SSE2__)
   // Two samples at a time. maxpd yields its second operand for a NaN, so a
   // NaN sample comes out of the clamp as the lower bound; the ordered mask
@@ -186,10 +185,9 @@ void quantized_units_n(const double* x, const QuantizerChoice& choice, double* u
   // is within about 1e-9 of the quotient over the index range, so it rounds
   // to the same integer unless it lies within 1e-6 of a half; only then is
   // the pair divided, and the result is always the quotient's.
-  const auto half = static_cast<double>(std::int32_t{1} << (choice.abits - 4));
-  const __m128d quantum = _mm_set1_pd(choice.quantum);
-  const __m128d inverse = _mm_set1_pd(1.0 / choice.quantum);
-  const __m128d lo = _mm_set1_pd(-half), hi = _mm_set1_pd(half - 1.0), shift = _mm_set1_pd(0x1.8p52);
+  const __m128d quantum = _mm_set1_pd(quantum_value);
+  const __m128d inverse = _mm_set1_pd(1.0 / quantum_value);
+  const __m128d lo = _mm_set1_pd(lo_value), hi = _mm_set1_pd(hi_value), shift = _mm_set1_pd(0x1.8p52);
   const __m128d magnitude = _mm_castsi128_pd(_mm_set1_epi64x(0x7FFFFFFFFFFFFFFF));
   const __m128d near_half = _mm_set1_pd(0.5 - 1e-6);
   for (std::size_t k = 0; k < N; k += 2) {
@@ -206,19 +204,33 @@ void quantized_units_n(const double* x, const QuantizerChoice& choice, double* u
     _mm_storeu_pd(units + k, _mm_and_pd(_mm_cmpord_pd(r, r), rounded));
   }
 #else
-  for (std::size_t k = 0; k < N; ++k) units[k] = quantized_units(x[k], choice.quantum, choice.abits);
+  for (std::size_t k = 0; k < N; ++k) units[k] = rounded_units_within(x[k] / quantum_value, lo_value, hi_value);
 #endif
 }
 
-// Sum over N samples (N even) of (x - quantize(x) * quantum)^2, added in
-// order.
+// quantized_units for N samples at once (N even, abits 8..26): units[k] is
+// quantize(x[k], choice) as a double.
+template <std::size_t N>
+void quantized_units_n(const double* x, const QuantizerChoice& choice, double* units) {
+  if (choice.abits < 8 || choice.abits > 26) throw_quantizer_abits();
+  const auto half = static_cast<double>(std::int32_t{1} << (choice.abits - 4));
+  rounded_units_within_n<N>(x, choice.quantum, -half, half - 1.0, units);
+}
+
+// Sum over N samples (N even) of (x - quantize_index(x) * quantum)^2, added
+// in order, for any ABITS 0..26.
 template <std::size_t N>
 double quantization_error(const double* x, const QuantizerChoice& choice) {
   double d[N];
   if (choice.abits == 0) {
     for (std::size_t k = 0; k < N; ++k) d[k] = x[k];
   } else {
-    quantized_units_n<N>(x, choice, d);
+    if (choice.abits < 8) {
+      const auto reach = static_cast<double>(kBlockCodeReach[choice.abits]);
+      rounded_units_within_n<N>(x, choice.quantum, -reach, reach, d);
+    } else {
+      quantized_units_n<N>(x, choice, d);
+    }
     for (std::size_t k = 0; k < N; ++k) d[k] = x[k] - d[k] * choice.quantum;
   }
   double sum = 0.0;

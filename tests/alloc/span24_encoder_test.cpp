@@ -45,6 +45,31 @@ TEST(Span24Encoder, FillsEveryFrameExactly) {
             "frame too small for span24 DTS Core frame");
 }
 
+// A steady frame keeps the 24 + 8 layout; a click over silence is coded in
+// subframes of 8, so the silent ones cost nothing and the click's gets the
+// bits.
+TEST(Span24Encoder, AttackOverSilenceTakesSubframesOfEight) {
+  Span24Config config;
+  Span24State state;
+  const auto layout = [](const Span24Frame& f) {
+    std::vector<unsigned> ssc;
+    for (const Subframe& s : f.frame.payload.subframes) ssc.push_back(s.ssc);
+    return ssc;
+  };
+  const auto steady = loud_frame(2, 5);
+  EXPECT_EQ(layout(encode_span24_frame(test::views(steady), 2, {48000, 768000}, 2048, config, state)),
+            (std::vector<unsigned>{3, 1}));
+  std::vector<std::vector<double>> click(2, std::vector<double>(1024, 0.0));
+  const auto noise = loud_frame(2, 6);
+  for (std::size_t c = 0; c < 2; ++c)
+    for (std::size_t i = 2 * 256; i < 3 * 256; ++i) click[c][i] = noise[c][i];
+  const Span24Frame f = encode_span24_frame(test::views(click), 2, {48000, 768000}, 2048, config, state);
+  EXPECT_EQ(layout(f), (std::vector<unsigned>{1, 1, 1, 1}));
+  for (const unsigned quiet : {0u, 1u, 3u})
+    for (const auto& channel : f.frame.payload.subframes[quiet].abits)
+      for (const unsigned a : channel) EXPECT_EQ(a, 0u) << "subframe " << quiet;
+}
+
 // The threshold in quiet: lowest around 3-4 kHz, far above it in the top
 // band, and a full-scale sine's power sits 96 dB above its floor.
 TEST(Span24Mask, QuietThresholdFollowsHearing) {

@@ -153,6 +153,21 @@ TEST(Quantizer, RoundingMatchesLibmEverywhere) {
   for (double v : near_ties) want += (v - quantize(v, q12) * q12.quantum) * (v - quantize(v, q12) * q12.quantum);
   EXPECT_EQ(quantization_error<8>(near_ties, q12), want);
   for (const QmfKernel* k : kernels) EXPECT_EQ(k->quantization_error8(near_ties, q12.quantum, 1.0 / q12.quantum, 12), want);
+  // Block-code ABITS: the error sum follows quantize_index, ties and the
+  // clamp included.
+  for (unsigned a = 1; a < 8; ++a) {
+    const QuantizerChoice q = quantizer_at(1000.0, a);
+    const double reach = static_cast<double>(kBlockCodeReach[a]);
+    for (int i = 0; i < 200; ++i) {
+      double x[8], want = 0.0;
+      for (double& v : x) {
+        v = (i % 2 == 0 ? unit(rng) * (reach + 1.0) : std::floor(unit(rng) * reach) + 0.5) * q.quantum;
+        const double d = v - quantize_index(v, q) * q.quantum;
+        want += d * d;
+      }
+      ASSERT_EQ(quantization_error<8>(x, q), want) << "abits " << a;
+    }
+  }
   const double plain[8] = {1, -2, 3, 0.5, 0, -0.25, 7, 1e-3};
   EXPECT_EQ(quantization_error<8>(plain, QuantizerChoice{}), 1 + 4 + 9 + 0.25 + 0.0625 + 49 + 1e-6);
   EXPECT_EQ(quantize(123.0, QuantizerChoice{}), 0);
