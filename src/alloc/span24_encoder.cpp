@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "alloc/plan_payload.h"
+#include "alloc/span24_prediction.h"
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
 #include "dsp/quantizer.h"
@@ -59,6 +60,7 @@ struct Span24Costs {
   // TMODE code.
   std::array<std::array<std::uint32_t, kMaxAbits + 1>, kMaxSubframes> band_bits{};
   std::uint32_t second_scale_bits = 0;  // 0 where no subframe can split
+  std::uint32_t predictor_bits = 0;     // a predicted band's PVQ
 };
 
 Span24Costs measure_costs(const Layout& layout) {
@@ -74,6 +76,12 @@ Span24Costs measure_costs(const Layout& layout) {
       costs.band_bits[s][a] = static_cast<std::uint32_t>(payload_bit_count(one) - costs.side_bits - tmode_bits);
     }
   }
+  FramePayload predicted = blank;
+  predicted.subframes[0].abits[0][0] = 8;
+  predicted.subframes[0].pmode[0][0] = 1;
+  const std::uint64_t first_tmode = layout.ssc[0] > 1 ? tmode_code_length(kFlatTmodeBook, 0) : 0;
+  costs.predictor_bits = static_cast<std::uint32_t>(payload_bit_count(predicted) - costs.side_bits - first_tmode -
+                                                    costs.band_bits[0][8]);
   for (unsigned s = 0; s < layout.subframes; ++s) {
     if (layout.ssc[s] < 2) continue;
     FramePayload split = blank;
@@ -116,6 +124,11 @@ struct Unit {
   double value = 0.0;  // the objective at abits
   // The objective at each ABITS once measured; NaN until then.
   std::array<double, kMaxAbits + 1> known = filled_with_nan();
+  // Coded as the residual of a predictor, and then settled: its band takes
+  // no more steps, or the decoders' history it was coded against would
+  // change under it.
+  std::optional<Span24PredictedBand> predicted;
+  bool settled = false;
   // The best next step.
   unsigned next = 0;  // 0: none
   double next_value = 0.0;
@@ -174,15 +187,17 @@ std::array<double, 3> errors_at(const Unit& u, unsigned a) {
 
 // The objective at ABITS a; each ABITS is measured once per unit, however
 // often the search comes back to it.
-double objective(Unit& u, unsigned a, Span24Objective kind) {
-  if (u.known[a] == u.known[a]) return u.known[a];
-  const std::array<double, 3> e = errors_at(u, a);
+double measure(const Unit& u, const std::array<double, 3>& e, Span24Objective kind) {
   double v = 0.0;
-  for (unsigned j = 0; j < u.count / kSsfSamples; ++j) {
+  for (unsigned j = 0; j < u.ssc; ++j) {
     v += kind == Span24Objective::log_error ? 10.0 * std::log10(e[j] + u.floor[j]) : u.weight[j] * e[j];
   }
-  u.known[a] = v;
   return v;
+}
+
+double objective(Unit& u, unsigned a, Span24Objective kind) {
+  if (u.known[a] != u.known[a]) u.known[a] = measure(u, errors_at(u, a), kind);
+  return u.known[a];
 }
 
 struct Budget {
@@ -198,7 +213,8 @@ std::uint32_t split_bits(const Unit& u, const Budget& b) {
 }
 
 std::uint32_t unit_bits(const Unit& u, unsigned a, const Budget& b) {
-  return a == 0 ? 0 : b.costs->band_bits[u.sub][a] + split_bits(u, b);
+  if (a == 0) return 0;
+  return b.costs->band_bits[u.sub][a] + split_bits(u, b) + (u.predicted ? b.costs->predictor_bits : 0);
 }
 
 // The step from the unit's ABITS that lowers the objective most per bit
@@ -212,7 +228,7 @@ std::uint32_t unit_bits(const Unit& u, unsigned a, const Budget& b) {
 void find_step(Unit& u, std::uint64_t remaining, const Budget& budget, const Span24Settings& settings) {
   u.next = 0;
   u.gain = 0.0;
-  if (u.peak[0] == 0.0 && u.peak[1] == 0.0) return;  // silence: nothing to lower
+  if (u.settled || (u.peak[0] == 0.0 && u.peak[1] == 0.0)) return;  // silence: nothing to lower
   const std::uint32_t now = unit_bits(u, u.abits, budget);
   const std::uint32_t extra = split_bits(u, budget);
   const auto& band_bits = budget.costs->band_bits[u.sub];
@@ -381,6 +397,14 @@ void spend(std::vector<Unit>& units, std::uint64_t budget_bits, const Budget& bu
 void code_unit(const Unit& u, Subframe& s) {
   const unsigned c = u.channel, b = u.band;
   s.abits[c][b] = static_cast<std::uint8_t>(u.abits);
+  if (u.predicted) {
+    s.pmode[c][b] = 1;
+    s.pvq[c][b] = u.predicted->pvq;
+    s.scale[c][b] = u.predicted->choice.scale_index;
+    for (unsigned i = 0; i < u.count; ++i)
+      s.audio[c][((i / kSsfSamples) * kBands + b) * kSsfSamples + i % kSsfSamples] = u.predicted->q[i];
+    return;
+  }
   const QuantizerChoice first = part_quantizer(u, 0, u.abits);
   const QuantizerChoice second = u.tmode > 0 ? part_quantizer(u, 1, u.abits) : first;
   s.scale[c][b] = first.scale_index;
@@ -462,6 +486,127 @@ bool worth_splitting(const std::vector<Unit>& units, Span24Objective kind) {
   return *highest > kSplitStakeRatio * *lowest;
 }
 
+
+// ---- Prediction -------------------------------------------------------------
+
+Unit& unit_of(std::vector<Unit>& units, unsigned sub, unsigned channel, unsigned band) {
+  return units[(sub * kChannels + channel) * kBands + band];
+}
+
+// What decoders reconstruct of a unit coded directly, pushed onto `history`.
+void reconstruct_unit(const Unit& u, AdpcmHistory& history) {
+  if (u.predicted) {
+    for (unsigned i = 0; i < u.count; ++i) push_history(history, u.predicted->y[i]);
+    return;
+  }
+  const unsigned parts = u.tmode > 0 ? 2 : 1;
+  for (unsigned part = 0; part < parts; ++part) {
+    const QuantizerChoice q = u.abits == 0 ? QuantizerChoice{} : part_quantizer(u, part, u.abits);
+    std::array<std::int32_t, kMaxSpan> index{};
+    for (unsigned i = u.part_start[part]; i < u.part_end[part]; ++i) index[i] = quantize_index(u.x[i], q);
+    reconstruct_direct(index.data() + u.part_start[part], u.part_end[part] - u.part_start[part], q, history);
+  }
+}
+
+// The fewest ABITS at which the unit, predicted from `history`, is coded
+// at least as well as directly at its ABITS now, when that saves bits.
+bool try_prediction(Unit& u, const AdpcmHistory& history, const Budget& budget, const Span24Config& config,
+                    Span24State& state) {
+  double span[4 + kMaxSpan];
+  for (unsigned k = 0; k < 4; ++k) span[k] = history[3 - k];
+  std::copy(u.x.begin(), u.x.begin() + u.count, span + 4);
+  const PredictionDecision d =
+      decide_prediction_cached(span, 4 + u.count, config.prediction.predictor, config.prediction.shortlist,
+                               state.decisions[u.channel * kBands + u.band], state.scan,
+                               state.frames % config.prediction.rescan_every != 0);
+  if (d.pmode != 1) return false;
+  // The error falls as ABITS rises, closely enough for a binary search
+  // between the fewest ABITS and the most that still save bits.
+  const std::uint32_t direct_bits = unit_bits(u, u.abits, budget);
+  const std::uint32_t fixed = split_bits(u, budget) + budget.costs->predictor_bits;
+  unsigned high = u.abits;
+  while (high > 0 && budget.costs->band_bits[u.sub][high] + fixed >= direct_bits) --high;
+  std::optional<Span24PredictedBand> best;
+  double best_value = 0.0;
+  unsigned best_abits = 0, low = 1;
+  while (low <= high) {
+    const unsigned a = (low + high) / 2;
+    std::optional<Span24PredictedBand> coded = code_span_predicted(u.x.data(), u.count, a, d.pvq, history);
+    const double v = coded ? measure(u, coded->error, config.settings.objective) : u.value + 1.0;
+    if (coded && v <= u.value) {
+      best = std::move(coded);
+      best_value = v;
+      best_abits = a;
+      high = a - 1;
+    } else {
+      low = a + 1;
+    }
+  }
+  if (!best) return false;
+  u.predicted = std::move(best);
+  u.abits = best_abits;
+  u.value = best_value;
+  return true;
+}
+
+// Bands, each in time order through the frame, switch to prediction where
+// that codes them as well in fewer bits; a band that does is settled, and
+// the bits saved are spent again on the others. Returns the bits spent
+// again. Without history (HFLAG 0) the decoders do not agree on how
+// prediction starts, so none is used.
+std::uint64_t predict_bands(Allocation& a, bool use_history, const Span24Config& config, Span24State& state,
+                            std::uint64_t audio_bits, std::uint64_t& predictions) {
+  if (!use_history || !config.prediction.enabled) return 0;
+  const Layout& layout = kLayouts[a.layout];
+  for (unsigned c = 0; c < kChannels; ++c) {
+    for (unsigned b = 0; b < kBands; ++b) {
+      AdpcmHistory history = state.history[c * kBands + b];
+      bool predicted = false;
+      for (unsigned sub = 0; sub < layout.subframes; ++sub) {
+        Unit& u = unit_of(a.units, sub, c, b);
+        if (u.abits > 0 && u.tmode == 0 && try_prediction(u, history, a.prices, config, state)) {
+          predicted = true;
+          ++predictions;
+        }
+        if (sub + 1 < layout.subframes) reconstruct_unit(u, history);
+      }
+      if (predicted)
+        for (unsigned sub = 0; sub < layout.subframes; ++sub) unit_of(a.units, sub, c, b).settled = true;
+    }
+  }
+  const std::uint64_t before = spent_bits(a.units, a.prices);
+  spend(a.units, audio_bits, a.prices, config.settings);
+  return spent_bits(a.units, a.prices) - before;
+}
+
+// Brings each band's history to the frame's end from what the payload
+// sends, from silence when the frame has no history (HFLAG 0).
+void update_history(const FramePayload& payload, const std::vector<Unit>& units, bool use_history,
+                    Span24State& state) {
+  for (unsigned c = 0; c < kChannels; ++c) {
+    for (unsigned b = 0; b < kBands; ++b) {
+      AdpcmHistory& history = state.history[c * kBands + b];
+      if (!use_history) history = {};
+      for (unsigned sub = 0; sub < payload.subframes.size(); ++sub) {
+        const Unit& u = units[(sub * kChannels + c) * kBands + b];
+        if (u.predicted) {
+          for (unsigned i = 0; i < u.count; ++i) push_history(history, u.predicted->y[i]);
+          continue;
+        }
+        const Subframe& s = payload.subframes[sub];
+        for (unsigned j = 0; j < s.ssc; ++j) {
+          const unsigned scale = s.tmode[c][b] != 0 && j >= s.tmode[c][b] ? s.scale2[c][b] : s.scale[c][b];
+          const QuantizerChoice q = s.abits[c][b] == 0 ? QuantizerChoice{}
+                                                      : quantizer_choice(s.abits[c][b], kScaleFactor6.data() + scale);
+          reconstruct_direct(&s.audio[c][(j * kBands + b) * kSsfSamples], kSsfSamples, q, history);
+        }
+      }
+    }
+  }
+  state.history_valid = true;
+  ++state.frames;
+}
+
 }  // namespace
 
 // Measured on programme material, the weighted error with transient modes
@@ -494,7 +639,8 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   CoreFrame& frame = out.frame;
   CoreFrameHeader& header = frame.header;
   set_encoder_header(header, amode, stream.sample_rate, stream.bitrate, frame_bytes);
-  header.hflag = 0;  // no band is predicted, so no history is needed
+  const bool use_history = state.history_valid;
+  header.hflag = use_history ? 1 : 0;
 
   BitWriter writer(frame_bytes);
   write_header(writer, header);
@@ -518,7 +664,10 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   }
 
   const Span24Costs& costs = span24_costs(best.layout);
+  out.reinvested_bits =
+      predict_bands(best, use_history, config, state, payload_budget - costs.side_bits, out.predictions);
   frame.payload = payload_from_units(kLayouts[best.layout], best.units, best.prices.thuff);
+  update_history(frame.payload, best.units, use_history, state);
   write_payload(writer, frame.payload);
   if (writer.bit_count() - header_bits != costs.side_bits + spent_bits(best.units, best.prices)) {
     throw std::runtime_error("span24 payload accounting mismatch");

@@ -9,14 +9,17 @@
 // ABITS the format has is used (1..7 as block codes), and the frame's bits
 // go, step by step, wherever they lower the chosen error measure most per
 // bit, until the constant frame size is exactly filled.
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "alloc/frame_record.h"
+#include "alloc/prediction_stage.h"
 #include "alloc/psycho.h"
 #include "alloc/span24_mask.h"
+#include "dsp/adpcm.h"
 #include "bitstream/frame.h"
 
 namespace tavrin {
@@ -48,12 +51,23 @@ struct Span24Config {
   Span24Settings settings = production_span24_settings();
   PsychoConfig psycho = stereo_psycho_config();
   std::uint32_t reserved_bits = 64;  // never spent, as the legacy path keeps them
+  // The legacy path's predictor design (TAVRIN_DTS_ADPCM=0 switches both off).
+  PredictionConfig prediction = prediction_config_from_environment();
 };
 
 struct Span24State {
   PsychoTemporalState psycho;
   // Made on the stream's first frame, when its rate is known.
   std::optional<Span24MaskTables> mask_tables;
+  // What every decoder holds of each band (channel * 32 + band): its last
+  // four reconstructed samples, valid once a frame has been made.
+  std::array<AdpcmHistory, 64> history{};
+  bool history_valid = false;
+  // Each band's last predictor neighbourhood, searched anew every few
+  // frames and reused in between, as the legacy path does.
+  std::array<AdpcmDecisionCache, 64> decisions{};
+  AdpcmShortlistWork scan;
+  std::uint64_t frames = 0;
 };
 
 struct Span24Frame {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "alloc/legacy_encoder.h"
+#include "alloc/span24_encoder.h"
 #include "bitstream/cbr_sizer.h"
 #include "dsp/adpcm.h"
 #include "dsp/qmf.h"
@@ -62,12 +63,15 @@ struct Encoding {
   std::vector<CoreFrame> frames;  // payloads and headers, bytes dropped
 };
 
-Encoding encode_in_process(const Channels& pcm) {
+// The legacy encoder, or (span24) the 24+8 encoder's production settings.
+Encoding encode_in_process(const Channels& pcm, bool span24 = false) {
   Encoding e;
   auto banks = std::make_unique<QmfAnalysisBank[]>(2);
   CbrFrameSizer sizer = make_cbr_frame_sizer(48000, 768000, 1024);
   const LegacyEncoderConfig config;
   LegacyEncoderState state;
+  const Span24Config span24_config;
+  Span24State span24_state;
   std::vector<double> block(1024);
   for (std::size_t at = 0; at + 1024 <= pcm[0].size(); at += 1024) {
     SubbandBlock sub[2];
@@ -76,8 +80,11 @@ Encoding encode_in_process(const Channels& pcm) {
                 block.begin());
       sub[c] = analyse_frame(banks[c], block.data());
     }
-    CoreFrame f = encode_legacy_frame({sub[0].samples.data(), sub[1].samples.data()}, 2, {48000, 768000},
-                                      next_frame_bytes(sizer), config, state);
+    const std::vector<const double*> views = {sub[0].samples.data(), sub[1].samples.data()};
+    CoreFrame f = span24 ? encode_span24_frame(views, 2, {48000, 768000}, next_frame_bytes(sizer), span24_config,
+                                               span24_state)
+                               .frame
+                         : encode_legacy_frame(views, 2, {48000, 768000}, next_frame_bytes(sizer), config, state);
     e.bytes.insert(e.bytes.end(), f.bytes.begin(), f.bytes.end());
     f.bytes.clear();
     e.frames.push_back(std::move(f));
@@ -95,21 +102,26 @@ Channels model_decode(const Encoding& e) {
   for (const CoreFrame& f : e.frames) {
     if (f.header.hflag == 0) history.assign(64, AdpcmHistory{});
     for (const Subframe& sub : f.payload.subframes) {
-      double slots[2][8][32];
-      for (std::size_t c = 0; c < 2; ++c)
-        for (std::size_t b = 0; b < 32; ++b)
-          for (std::size_t k = 0; k < 8; ++k) {
-            std::int64_t y = decoder_dequantize(sub.audio[c][b * 8 + k], sub.abits[c][b], sub.scale[c][b]);
-            if (sub.pmode[c][b] != 0) y = clip_decoder_sample(y + decoder_prediction(history[c * 32 + b], kAdpcmVq[sub.pvq[c][b]]));
-            push_history(history[c * 32 + b], static_cast<std::int32_t>(y));
-            slots[c][k][b] = static_cast<double>(y);
+      for (std::size_t j = 0; j < sub.ssc; ++j) {
+        double slots[2][8][32];
+        for (std::size_t c = 0; c < 2; ++c)
+          for (std::size_t b = 0; b < 32; ++b) {
+            const unsigned scale = sub.tmode[c][b] != 0 && j >= sub.tmode[c][b] ? sub.scale2[c][b] : sub.scale[c][b];
+            for (std::size_t k = 0; k < 8; ++k) {
+              std::int64_t y = decoder_dequantize(sub.audio[c][(j * 32 + b) * 8 + k], sub.abits[c][b], scale);
+              if (sub.pmode[c][b] != 0)
+                y = clip_decoder_sample(y + decoder_prediction(history[c * 32 + b], kAdpcmVq[sub.pvq[c][b]]));
+              push_history(history[c * 32 + b], static_cast<std::int32_t>(y));
+              slots[c][k][b] = static_cast<double>(y);
+            }
           }
-      for (std::size_t c = 0; c < 2; ++c)
-        for (std::size_t k = 0; k < 8; ++k) {
-          double pcm[32];
-          qmf_synthesis_step(synthesis[c], qmf_perfect_prototype(), kernel, slots[c][k], pcm);
-          for (double v : pcm) out[c].push_back(v / kQmfInputScale);
-        }
+        for (std::size_t c = 0; c < 2; ++c)
+          for (std::size_t k = 0; k < 8; ++k) {
+            double pcm[32];
+            qmf_synthesis_step(synthesis[c], qmf_perfect_prototype(), kernel, slots[c][k], pcm);
+            for (double v : pcm) out[c].push_back(v / kQmfInputScale);
+          }
+      }
     }
   }
   return out;
@@ -124,10 +136,14 @@ double agreement_db(const std::vector<double>& a, const std::vector<float>& b) {
   return 10.0 * std::log10(aa / std::max(ee, 1e-300));
 }
 
+// Both stereo encoders that predict: the legacy one (subframes of 8) and
+// the 24+8 one (subframes of 24 with transient modes, and of 8).
 TEST(Prediction, DecodersReconstructWhatTheEncoderModels) {
+  for (const bool span24 : {false, true}) {
+  SCOPED_TRACE(span24 ? "span24" : "legacy");
   const fs::path dir = test::fresh_test_dir("prediction-model");
   const Channels source = make(48000 * 2, [](std::size_t ch, double t) { return harmonic(880.0 + 110.0 * ch, t, 0.3); });
-  Encoding e = encode_in_process(source);
+  Encoding e = encode_in_process(source, span24);
   std::size_t predicted = 0;
   for (const CoreFrame& f : e.frames)
     for (const Subframe& sub : f.payload.subframes)
@@ -165,6 +181,7 @@ TEST(Prediction, DecodersReconstructWhatTheEncoderModels) {
     const double db = agreement_db(f, d);
     EXPECT_GT(db, 50.0) << c;
     std::printf("[ model    ] channel %zu: dcadec agrees with ffmpeg to %.1f dB\n", c, db);
+  }
   }
 }
 
