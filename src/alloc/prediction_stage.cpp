@@ -18,9 +18,6 @@ constexpr std::size_t kSamples = 8;
 constexpr std::size_t kSpan = 4 + kSamples;  // four reconstructed samples of history, then the block
 constexpr unsigned kMinAbits = 8;
 constexpr unsigned kMaxAbits = 26;
-// A band's residual may overshoot the open-loop estimate its scale was
-// chosen for; a few steps up the scale table always make room.
-constexpr unsigned kScaleRetries = 4;
 // A band whose least-squares predictor shows it unpredictable (noise, most
 // often) rests before its next decision, the longer the more often in a
 // row: a subframe after the second time, then 3, 7, 15. Bands coded at or
@@ -72,45 +69,6 @@ BandCoding code_direct(const double* x, unsigned abits) {
   return c;
 }
 
-// Quantizes each residual against the prediction from the samples already
-// reconstructed, as the decoder will form it. With a quantum below one
-// integer unit, the index next to the rounded one can land the decoder's
-// rounded value nearer the input, so both neighbours are tried. Returns
-// false when a residual did not fit the scale.
-bool predict_closed_loop(const double* x, const AdpcmVqEntry& entry, AdpcmHistory history, BandCoding& c) {
-  const double quantum = kScaleFactor6[c.scale] * kStepSize[c.abits];
-  // Each sample waits on the one before it: the loop is a chain of
-  // latencies, and a multiplication is a shorter link than a division.
-  const double per_unit = 1.0 / quantum;
-  const std::int64_t factor = decoder_dequantize_factor(c.abits, c.scale);
-  const std::int32_t half = std::int32_t{1} << (c.abits - 4);
-  const double low = -half - 0.5, high = half - 0.5;
-  bool fits = true;
-  for (std::size_t k = 0; k < kSamples; ++k) {
-    const std::int32_t p = decoder_prediction(history, entry);
-    const double r = (x[k] - p) * per_unit;
-    fits = fits && r >= low && r <= high;
-    std::int32_t q = static_cast<std::int32_t>(rounded_units(r, c.abits));
-    std::int32_t y = clip_decoder_sample(std::int64_t{decoder_dequantize_by(q, factor)} + p);
-    // A neighbour can only come out nearer where the decoder's rounding
-    // (half a unit) is not small against the quantum.
-    if (quantum < 2.0) {
-      for (const std::int32_t alt : {q - 1, q + 1}) {
-        if (alt < -half || alt >= half) continue;
-        const std::int32_t ya = clip_decoder_sample(std::int64_t{decoder_dequantize_by(alt, factor)} + p);
-        if (std::abs(x[k] - ya) < std::abs(x[k] - y)) {
-          q = alt;
-          y = ya;
-        }
-      }
-    }
-    c.q[k] = q;
-    c.y[k] = y;
-    push_history(history, y);
-  }
-  return fits;
-}
-
 BandCoding code_predicted(const double* x, unsigned abits, std::uint16_t pvq, const AdpcmHistory& history) {
   const AdpcmVqEntry& entry = kAdpcmVq[pvq];
   BandCoding c;
@@ -128,22 +86,7 @@ BandCoding code_predicted(const double* x, unsigned abits, std::uint16_t pvq, co
     c.error = squared_error(x, c.y);
     return c;
   }
-  // The scale fits the residual of the prediction from the input itself,
-  // which the closed loop follows closely.
-  double span[kSpan];
-  for (std::size_t k = 0; k < 4; ++k) span[k] = history[3 - k];
-  std::copy(x, x + kSamples, span + 4);
-  double peak = 0.0;
-  for (std::size_t k = 0; k < kSamples; ++k) {
-    double p = 0.0;
-    for (std::size_t j = 0; j < 4; ++j) p += entry[j] * span[3 + k - j];
-    peak = std::max(peak, std::abs(x[k] - p / 8192.0));
-  }
-  c.scale = baseline_quantizer_for_peak(std::max(peak, 1e-12), abits, abits).scale_index;
-  for (unsigned tries = 0; !predict_closed_loop(x, entry, history, c) && tries < kScaleRetries &&
-                           c.scale + 1u < kScaleFactor6Count;
-       ++tries)
-    ++c.scale;
+  c.scale = code_adpcm_residual(x, kSamples, abits, entry, history, c.q.data(), c.y.data()).scale;
   c.error = squared_error(x, c.y);
   return c;
 }

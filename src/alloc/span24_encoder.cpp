@@ -21,7 +21,7 @@ constexpr unsigned kChannels = 2;
 constexpr unsigned kMaxAbits = 26;
 constexpr unsigned kSsfSamples = 8;
 constexpr unsigned kMaxSubframes = 4;
-constexpr unsigned kMaxSpan = 24;  // samples of the longest subframe
+constexpr unsigned kMaxSpan = kSpan24MaxSamples;  // samples of the longest subframe
 constexpr unsigned kJumpReach = 4;
 constexpr unsigned kWideJumpReach = 8;
 constexpr unsigned kFlatTmodeBook = 3;  // every TMODE value in 2 bits
@@ -473,12 +473,11 @@ void allocate(Allocation& a, const Span24Settings& settings, std::uint64_t paylo
 // above another's, which an attack, a sound that stops, or the model's
 // weights changing after an attack all bring. The stakes of a decibel
 // measure are not powers, so there the energy alone counts.
-bool worth_splitting(const std::vector<Unit>& units, Span24Objective kind) {
+bool worth_splitting(const std::vector<Unit>& units, const PsychoAnalysis& psycho, Span24Objective kind) {
   std::array<double, 4> stake{};
   for (const Unit& u : units) {
     for (unsigned j = 0; j < u.ssc; ++j) {
-      double energy = 0.0;
-      for (unsigned i = j * kSsfSamples; i < (j + 1) * kSsfSamples; ++i) energy += u.x[i] * u.x[i];
+      const double energy = psycho.subframes[u.first_ssf + j][u.channel * kBands + u.band].energy;
       stake[u.first_ssf + j] += kind == Span24Objective::log_error ? energy : u.weight[j] * energy;
     }
   }
@@ -486,14 +485,14 @@ bool worth_splitting(const std::vector<Unit>& units, Span24Objective kind) {
   return *highest > kSplitStakeRatio * *lowest;
 }
 
-
 // ---- Prediction -------------------------------------------------------------
 
 Unit& unit_of(std::vector<Unit>& units, unsigned sub, unsigned channel, unsigned band) {
   return units[(sub * kChannels + channel) * kBands + band];
 }
 
-// What decoders reconstruct of a unit coded directly, pushed onto `history`.
+// What decoders reconstruct of a unit, pushed onto `history`; a direct
+// unit is quantized again for it.
 void reconstruct_unit(const Unit& u, AdpcmHistory& history) {
   if (u.predicted) {
     for (unsigned i = 0; i < u.count; ++i) push_history(history, u.predicted->y[i]);
@@ -590,7 +589,7 @@ void update_history(const FramePayload& payload, const std::vector<Unit>& units,
       for (unsigned sub = 0; sub < payload.subframes.size(); ++sub) {
         const Unit& u = units[(sub * kChannels + c) * kBands + b];
         if (u.predicted) {
-          for (unsigned i = 0; i < u.count; ++i) push_history(history, u.predicted->y[i]);
+          reconstruct_unit(u, history);
           continue;
         }
         const Subframe& s = payload.subframes[sub];
@@ -657,7 +656,7 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
                            *state.mask_tables, config.settings};
   Allocation best = layout_units(kSpanLayout, inputs);
   allocate(best, config.settings, payload_budget);
-  if (span24_costs(kShortLayout).side_bits < payload_budget && worth_splitting(best.units, config.settings.objective)) {
+  if (span24_costs(kShortLayout).side_bits < payload_budget && worth_splitting(best.units, psycho, config.settings.objective)) {
     Allocation eights = layout_units(kShortLayout, inputs);
     allocate(eights, config.settings, payload_budget);
     if (eights.objective < best.objective) best = std::move(eights);

@@ -23,9 +23,8 @@ struct Span24PredictedBand {
 };
 
 // x[0..n) (n = 8, 16 or 24) at `abits` (1..26) predicted by entry `pvq`
-// from `history`. The scale fits the residual of the prediction from the
-// input itself; where the closed loop's residual outgrows it, the next
-// scales up are tried. Nothing when none holds it.
+// from `history` (code_adpcm_residual), with its error per subsubframe.
+// Nothing when no scale holds the residual.
 std::optional<Span24PredictedBand> code_span_predicted(const double* x, unsigned n, unsigned abits,
                                                        std::uint16_t pvq, const AdpcmHistory& history);
 

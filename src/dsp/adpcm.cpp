@@ -8,6 +8,7 @@
 #include "dsp/adpcm_search.h"
 #include "dsp/qmf_kernel.h"
 #include "dsp/quant_tables.h"
+#include "dsp/quantizer.h"
 
 namespace tavrin {
 
@@ -273,5 +274,68 @@ PredictionDecision decide_prediction_cached(const double* x, std::size_t n, cons
   return d;
 }
 
-}  // namespace tavrin
+namespace {
 
+constexpr unsigned kResidualScaleRetries = 4;
+
+// One pass of the decoders' loop at `scale`; false when a residual fell
+// outside the index range.
+bool residual_closed_loop(const double* x, std::size_t n, unsigned abits, unsigned scale, const AdpcmVqEntry& entry,
+                          AdpcmHistory history, bool try_neighbours, std::int32_t* q, std::int32_t* y) {
+  const double quantum = kScaleFactor6[scale] * kStepSize[abits];
+  // Each sample waits on the one before it: the loop is a chain of
+  // latencies, and a multiplication is a shorter link than a division.
+  const double per_unit = 1.0 / quantum;
+  const std::int64_t factor = decoder_dequantize_factor(abits, scale);
+  const auto high = static_cast<std::int32_t>(index_reach(abits));
+  const std::int32_t low = abits < 8 ? -high : -high - 1;
+  bool fits = true;
+  for (std::size_t k = 0; k < n; ++k) {
+    const std::int32_t p = decoder_prediction(history, entry);
+    const double r = (x[k] - p) * per_unit;
+    fits = fits && r >= low - 0.5 && r <= high + 0.5;
+    std::int32_t index = static_cast<std::int32_t>(rounded_units_within(r, low, high));
+    std::int32_t out = clip_decoder_sample(std::int64_t{decoder_dequantize_by(index, factor)} + p);
+    // A neighbour can only come out nearer where the decoder's rounding
+    // (half a unit) is not small against the quantum.
+    if (try_neighbours && quantum < 2.0) {
+      for (const std::int32_t alt : {index - 1, index + 1}) {
+        if (alt < low || alt > high) continue;
+        const std::int32_t ya = clip_decoder_sample(std::int64_t{decoder_dequantize_by(alt, factor)} + p);
+        if (std::abs(x[k] - ya) < std::abs(x[k] - out)) {
+          index = alt;
+          out = ya;
+        }
+      }
+    }
+    q[k] = index;
+    y[k] = out;
+    push_history(history, out);
+  }
+  return fits;
+}
+
+}  // namespace
+
+AdpcmResidualCoding code_adpcm_residual(const double* x, std::size_t n, unsigned abits, const AdpcmVqEntry& entry,
+                                        const AdpcmHistory& history, std::int32_t* q, std::int32_t* y,
+                                        bool try_neighbours) {
+  double peak = 0.0;
+  for (std::size_t k = 0; k < n; ++k) {
+    double p = 0.0;
+    for (std::size_t j = 0; j < 4; ++j) {
+      const double past = k > j ? x[k - 1 - j] : static_cast<double>(history[j - k]);
+      p += entry[j] * past;
+    }
+    peak = std::max(peak, std::abs(x[k] - p / 8192.0));
+  }
+  AdpcmResidualCoding c;
+  c.scale = quantizer_at(std::max(peak, 1e-12), abits).scale_index;
+  for (unsigned tries = 0;; ++tries) {
+    c.fits = residual_closed_loop(x, n, abits, c.scale, entry, history, try_neighbours, q, y);
+    if (c.fits || tries == kResidualScaleRetries || c.scale + 1u >= kScaleFactor6Count) return c;
+    ++c.scale;
+  }
+}
+
+}  // namespace tavrin
