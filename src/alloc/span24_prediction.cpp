@@ -6,8 +6,7 @@ std::optional<Span24PredictedBand> code_span_predicted(const double* x, unsigned
                                                        std::uint16_t pvq, const AdpcmHistory& history) {
   Span24PredictedBand out;
   out.pvq = pvq;
-  const AdpcmResidualCoding coded =
-      code_adpcm_residual(x, n, abits, kAdpcmVq[pvq], history, out.q.data(), out.y.data(), false);
+  const AdpcmResidualCoding coded = code_adpcm_residual(x, n, abits, kAdpcmVq[pvq], history, out.q.data(), out.y.data());
   if (!coded.fits) return std::nullopt;
   out.choice = quantizer_choice(abits, kScaleFactor6.data() + coded.scale);
   for (unsigned k = 0; k < n; ++k) {

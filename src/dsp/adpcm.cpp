@@ -281,7 +281,7 @@ constexpr unsigned kResidualScaleRetries = 4;
 // One pass of the decoders' loop at `scale`; false when a residual fell
 // outside the index range.
 bool residual_closed_loop(const double* x, std::size_t n, unsigned abits, unsigned scale, const AdpcmVqEntry& entry,
-                          AdpcmHistory history, bool try_neighbours, std::int32_t* q, std::int32_t* y) {
+                          AdpcmHistory history, std::int32_t* q, std::int32_t* y) {
   const double quantum = kScaleFactor6[scale] * kStepSize[abits];
   // Each sample waits on the one before it: the loop is a chain of
   // latencies, and a multiplication is a shorter link than a division.
@@ -298,7 +298,7 @@ bool residual_closed_loop(const double* x, std::size_t n, unsigned abits, unsign
     std::int32_t out = clip_decoder_sample(std::int64_t{decoder_dequantize_by(index, factor)} + p);
     // A neighbour can only come out nearer where the decoder's rounding
     // (half a unit) is not small against the quantum.
-    if (try_neighbours && quantum < 2.0) {
+    if (quantum < 2.0) {
       for (const std::int32_t alt : {index - 1, index + 1}) {
         if (alt < low || alt > high) continue;
         const std::int32_t ya = clip_decoder_sample(std::int64_t{decoder_dequantize_by(alt, factor)} + p);
@@ -318,8 +318,7 @@ bool residual_closed_loop(const double* x, std::size_t n, unsigned abits, unsign
 }  // namespace
 
 AdpcmResidualCoding code_adpcm_residual(const double* x, std::size_t n, unsigned abits, const AdpcmVqEntry& entry,
-                                        const AdpcmHistory& history, std::int32_t* q, std::int32_t* y,
-                                        bool try_neighbours) {
+                                        const AdpcmHistory& history, std::int32_t* q, std::int32_t* y) {
   double peak = 0.0;
   for (std::size_t k = 0; k < n; ++k) {
     double p = 0.0;
@@ -332,7 +331,7 @@ AdpcmResidualCoding code_adpcm_residual(const double* x, std::size_t n, unsigned
   AdpcmResidualCoding c;
   c.scale = quantizer_at(std::max(peak, 1e-12), abits).scale_index;
   for (unsigned tries = 0;; ++tries) {
-    c.fits = residual_closed_loop(x, n, abits, c.scale, entry, history, try_neighbours, q, y);
+    c.fits = residual_closed_loop(x, n, abits, c.scale, entry, history, q, y);
     if (c.fits || tries == kResidualScaleRetries || c.scale + 1u >= kScaleFactor6Count) return c;
     ++c.scale;
   }

@@ -151,16 +151,15 @@ inline void push_history(AdpcmHistory& history, std::int32_t y) {
 // in q, the reconstructed samples in y. The scale fits the residual of the
 // prediction from the input itself; where the closed loop's residual
 // outgrows it, up to four scales further up are tried, and the last tried
-// stays when none holds it (`fits` false). With `try_neighbours`, where the
-// quantum is below two integer units, the index next to the rounded one is
-// taken when the decoder's rounding lands it nearer the input.
+// stays when none holds it (`fits` false). Where the quantum is below two
+// integer units, the index next to the rounded one is taken when the
+// decoder's rounding lands it nearer the input.
 struct AdpcmResidualCoding {
   std::uint8_t scale = 0;
   bool fits = false;
 };
 
 AdpcmResidualCoding code_adpcm_residual(const double* x, std::size_t n, unsigned abits, const AdpcmVqEntry& entry,
-                                        const AdpcmHistory& history, std::int32_t* q, std::int32_t* y,
-                                        bool try_neighbours = true);
+                                        const AdpcmHistory& history, std::int32_t* q, std::int32_t* y);
 
 }  // namespace tavrin
