@@ -5,7 +5,9 @@
 #include <cmath>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
+#include "alloc/loser_tree.h"
 #include "alloc/plan_payload.h"
 #include "alloc/span24_prediction.h"
 #include "bitstream/bit_writer.h"
@@ -122,8 +124,14 @@ struct Unit {
   std::array<double, 3> floor{};       // per subsubframe: the log measure's floor
   unsigned abits = 0;
   double value = 0.0;  // the objective at abits
+  double least = 0.0;  // the objective with no error left
   // The objective at each ABITS once measured; NaN until then.
   std::array<double, kMaxAbits + 1> known = filled_with_nan();
+  // Bit a of part p: the measure at ABITS a took the scale a step below the
+  // part's peak, so that coding the unit need not weigh the two again.
+  std::array<std::uint32_t, 2> finer{};
+  // The scale last measured, near the next one: the table search starts there.
+  std::array<unsigned, 2> scale_hint{kNoScaleHint, kNoScaleHint};
   // Coded as the residual of a predictor, and then settled: its band takes
   // no more steps, or the decoders' history it was coded against would
   // change under it.
@@ -141,6 +149,7 @@ struct Unit {
 struct PartCode {
   QuantizerChoice choice;
   std::array<double, 3> error{};
+  bool finer = false;  // a scale step below the one the peak fits
 };
 
 // Squared error of each subsubframe of a part at `choice`.
@@ -157,21 +166,24 @@ void part_errors(const Unit& u, unsigned part, const QuantizerChoice& choice, st
 // costs more than the finer grid saves (no stream of the test signals
 // changes when the smaller step is not tried there).
 PartCode code_part(const Unit& u, unsigned part, unsigned abits) {
-  PartCode fit{quantizer_at(u.peak[part], abits)};
+  PartCode fit{quantizer_at(u.peak[part], abits, u.scale_hint[part])};
   part_errors(u, part, fit.choice, fit.error);
   if (fit.choice.scale_index == 0 || abits >= kFinerBelow) return fit;
-  PartCode finer{quantizer_choice(abits, kScaleFactor6.data() + fit.choice.scale_index - 1)};
+  PartCode finer{quantizer_choice(abits, kScaleFactor6.data() + fit.choice.scale_index - 1), {}, true};
   part_errors(u, part, finer.choice, finer.error);
   const auto total = [](const PartCode& p) { return p.error[0] + p.error[1] + p.error[2]; };
   return total(finer) < total(fit) ? finer : fit;
 }
 
+// The quantizer code_part chose when the unit was measured at `abits`.
 QuantizerChoice part_quantizer(const Unit& u, unsigned part, unsigned abits) {
-  return code_part(u, part, abits).choice;
+  const QuantizerChoice fit = quantizer_at(u.peak[part], abits);
+  if ((u.finer[part] >> abits & 1u) == 0) return fit;
+  return quantizer_choice(abits, kScaleFactor6.data() + fit.scale_index - 1);
 }
 
 // Squared error of each subsubframe at ABITS a (a = 0: the signal itself).
-std::array<double, 3> errors_at(const Unit& u, unsigned a) {
+std::array<double, 3> errors_at(Unit& u, unsigned a) {
   std::array<double, 3> e{};
   if (a == 0) {
     for (unsigned i = 0; i < u.count; ++i) e[i / kSsfSamples] += u.x[i] * u.x[i];
@@ -180,6 +192,8 @@ std::array<double, 3> errors_at(const Unit& u, unsigned a) {
   const unsigned parts = u.tmode > 0 ? 2 : 1;
   for (unsigned part = 0; part < parts; ++part) {
     const PartCode coded = code_part(u, part, a);
+    u.scale_hint[part] = coded.choice.scale_index;
+    if (coded.finer) u.finer[part] |= 1u << a;
     for (unsigned j = 0; j < 3; ++j) e[j] += coded.error[j];
   }
   return e;
@@ -237,6 +251,11 @@ void find_step(Unit& u, std::uint64_t remaining, const Budget& budget, const Spa
     if (a > u.abits + reach && u.next != 0) break;
     const std::uint32_t bits = band_bits[a] + extra - now;
     if (bits > remaining) break;
+    // Not even an error of nothing at all would make this step pay better
+    // than the best so far: it need not be measured. Once a band's steps
+    // each remove most of its error, as they do from the first few ABITS
+    // up, only the next ABITS is measured at all.
+    if (u.next != 0 && (u.value - u.least) * u.step_bits <= (u.value - u.next_value) * bits) continue;
     const double v = objective(u, a, settings.objective);
     // Compared as products: the division is done once, for the best.
     if (u.next == 0 ? v < u.value : (u.value - v) * u.step_bits > (u.value - u.next_value) * bits) {
@@ -316,6 +335,7 @@ std::vector<Unit> make_units(const Layout& layout, const std::vector<const doubl
           }
         }
         u.value = objective(u, 0, settings.objective);
+        u.least = measure(u, {}, settings.objective);
         units.push_back(u);
       }
     }
@@ -350,45 +370,28 @@ std::uint64_t spent_bits(const std::vector<Unit>& units, const Budget& budget) {
 
 // Greedy: always the step that lowers the objective most per bit (the
 // lowest unit on a tie), until no step fits what is left. A step priced
-// before the budget shrank is re-priced when it comes up. The best step is
-// kept in a heap rather than searched for: a frame takes a thousand steps or
-// more over 128 units. An entry whose unit has moved on since is skipped.
-struct StepEntry {
-  double gain = 0.0;
-  std::uint32_t unit = 0;
-  std::uint32_t version = 0;
-};
-
-bool comes_later(const StepEntry& a, const StepEntry& b) {
-  return a.gain < b.gain || (a.gain == b.gain && a.unit > b.unit);
-}
-
+// before the budget shrank is re-priced when it comes up. A frame takes a
+// thousand steps or more over 128 units, so the best step is kept in a loser
+// tree rather than searched for.
 void spend(std::vector<Unit>& units, std::uint64_t budget_bits, const Budget& budget,
            const Span24Settings& settings) {
   std::uint64_t remaining = budget_bits - spent_bits(units, budget);
-  std::vector<std::uint32_t> version(units.size(), 0);
-  std::vector<StepEntry> heap;
-  heap.reserve(units.size() * 2);
-  const auto offer = [&](std::uint32_t i) {
-    find_step(units[i], remaining, budget, settings);
-    ++version[i];
-    if (units[i].next == 0) return;
-    heap.push_back({units[i].gain, i, version[i]});
-    std::push_heap(heap.begin(), heap.end(), comes_later);
+  const auto offer = [&](Unit& u) -> std::uint64_t {
+    find_step(u, remaining, budget, settings);
+    return u.next == 0 ? 0 : LoserTree::key_of(u.gain);
   };
-  for (std::uint32_t i = 0; i < units.size(); ++i) offer(i);
-  while (!heap.empty()) {
-    std::pop_heap(heap.begin(), heap.end(), comes_later);
-    const StepEntry top = heap.back();
-    heap.pop_back();
-    if (top.version != version[top.unit]) continue;
-    Unit& u = units[top.unit];
+  std::vector<std::uint64_t> keys(units.size());
+  for (std::size_t i = 0; i < units.size(); ++i) keys[i] = offer(units[i]);
+  LoserTree tree;
+  tree.build(keys);
+  while (tree.node[0].key != 0) {
+    Unit& u = units[tree.node[0].band];
     if (u.step_bits <= remaining) {
       u.abits = u.next;
       u.value = u.next_value;
       remaining -= u.step_bits;
     }
-    offer(top.unit);
+    tree.replay(offer(u));
   }
 }
 
@@ -652,8 +655,11 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
 
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
   if (!state.mask_tables) state.mask_tables = span24_mask_tables(stream.sample_rate, config.psycho);
-  const FrameInputs inputs{channels, psycho, span24_masks(psycho, kChannels, *state.mask_tables),
-                           *state.mask_tables, config.settings};
+  // Only the noise-to-mask objective reads the masks.
+  Span24Masks masks;
+  if (config.settings.objective == Span24Objective::noise_to_mask)
+    masks = span24_masks(psycho, kChannels, *state.mask_tables);
+  const FrameInputs inputs{channels, psycho, std::move(masks), *state.mask_tables, config.settings};
   Allocation best = layout_units(kSpanLayout, inputs);
   allocate(best, config.settings, payload_budget);
   if (span24_costs(kShortLayout).side_bits < payload_budget && worth_splitting(best.units, psycho, config.settings.objective)) {
