@@ -31,7 +31,7 @@ constexpr unsigned kFlatTmodeBook = 3;  // every TMODE value in 2 bits
 // little from subframes of 8 to be worth the second allocation (measured on
 // the drum signals, where 9 dB missed half of what 3 dB finds).
 constexpr double kSplitStakeRatio = 2.0;
-constexpr unsigned kFinerBelow = 12;
+constexpr unsigned kFinerBelow = 8;
 
 // ---- What the payload costs, counted by the payload writer ------------------
 
