@@ -327,7 +327,7 @@ std::vector<Unit> make_units(const Layout& layout, const std::vector<const doubl
               u.weight[j] = r.weight;
               break;
             case Span24Objective::noise_to_mask:
-              u.weight[j] = 1.0 / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
+              u.weight[j] = tables.bark_width[b] / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
               break;
             case Span24Objective::log_error:
               u.floor[j] = kSsfSamples * quiet;
@@ -654,7 +654,7 @@ Span24Frame encode_span24_frame(const std::vector<const double*>& channels, std:
   const std::uint64_t payload_budget = budget - header_bits - config.reserved_bits;
 
   const PsychoAnalysis psycho = analyse_psycho(channels, &state.psycho, config.psycho);
-  if (!state.mask_tables) state.mask_tables = span24_mask_tables(stream.sample_rate, config.psycho);
+  if (!state.mask_tables) state.mask_tables = span24_mask_tables(stream.sample_rate);
   // Only the noise-to-mask objective reads the masks.
   Span24Masks masks;
   if (config.settings.objective == Span24Objective::noise_to_mask)

@@ -27,7 +27,7 @@ namespace tavrin {
 enum class Span24Objective : std::uint8_t {
   weighted_error,  // squared error weighted by the psychoacoustic model, as the legacy path measures it
   log_error,       // error in decibels: every band's signal-to-noise ratio counts alike
-  noise_to_mask,   // noise power over the masking threshold, subsubframe by subsubframe
+  noise_to_mask,   // noise power over the masking threshold, per critical band and subsubframe
 };
 
 struct Span24Settings {

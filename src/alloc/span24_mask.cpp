@@ -7,9 +7,23 @@ namespace tavrin {
 
 namespace {
 
-// A tonal masker hides noise about 18 dB below itself, a noise-like one
-// about 6 dB below.
-double masking_offset(double tonality) { return std::pow(10.0, -(6.0 + 12.0 * tonality) / 10.0); }
+double bark(double hz) { return 13.0 * std::atan(0.00076 * hz) + 3.5 * std::atan((hz / 7500.0) * (hz / 7500.0)); }
+
+// Schroeder's spreading function: what a masker leaves, in dB, in a band dz
+// Bark above it (dz < 0: below it).
+double spreading_db(double dz) {
+  const double d = dz + 0.474;
+  return 15.81 + 7.5 * d - 17.5 * std::sqrt(1.0 + d * d);
+}
+
+// A noise-like masker hides noise about 5.5 dB below itself; a tonal one
+// further below, the more so the higher it lies.
+constexpr double kNoiseOffsetDb = 5.5;
+
+// Above this the threshold in quiet climbs steeply, more so with age; it is
+// held at its value here, so that noise in the top octave is not taken for
+// free.
+constexpr double kHighestQuietKhz = 15.5;
 
 // What remains of a subsubframe's masking in the next one (5.3 ms later at
 // 48 kHz): forward masking fades over tens of milliseconds.
@@ -23,7 +37,7 @@ double span24_quiet_threshold(std::size_t band, unsigned sample_rate) {
   // there.
   double lowest_db = 1e9;
   for (int k = 0; k <= 8; ++k) {
-    const double khz = std::max(0.02, (static_cast<double>(band) + k / 8.0) * width / 1000.0);
+    const double khz = std::clamp((static_cast<double>(band) + k / 8.0) * width / 1000.0, 0.02, kHighestQuietKhz);
     const double db = 3.64 * std::pow(khz, -0.8) - 6.5 * std::exp(-0.6 * (khz - 3.3) * (khz - 3.3)) +
                       0.001 * std::pow(khz, 4.0);
     lowest_db = std::min(lowest_db, std::min(db, 90.0));
@@ -31,18 +45,24 @@ double span24_quiet_threshold(std::size_t band, unsigned sample_rate) {
   return kSubbandFullScalePower * std::pow(10.0, (lowest_db - 96.0) / 10.0);
 }
 
-Span24MaskTables span24_mask_tables(unsigned sample_rate, const PsychoConfig& config) {
+Span24MaskTables span24_mask_tables(unsigned sample_rate) {
   Span24MaskTables t;
+  const double width = static_cast<double>(sample_rate) / 64.0;
+  std::array<double, kMaskBands> centre{};
   for (std::size_t b = 0; b < kMaskBands; ++b) {
+    const double lo = static_cast<double>(b) * width;
     t.quiet[b] = span24_quiet_threshold(b, sample_rate);
-    t.below[b] = std::pow(10.0, -config.lower_spreading_slope * static_cast<double>(b) / 10.0);
-    t.above[b] = std::pow(10.0, -config.upper_spreading_slope * static_cast<double>(b) / 10.0);
+    t.bark_width[b] = bark(lo + width) - bark(lo);
+    centre[b] = bark(lo + 0.5 * width);
+    t.tonal_offset[b] = 14.5 + centre[b];
   }
+  for (std::size_t b = 0; b < kMaskBands; ++b)
+    for (std::size_t k = 0; k < kMaskBands; ++k)
+      t.spread[b * kMaskBands + k] = b == k ? 1.0 : std::pow(10.0, spreading_db(centre[b] - centre[k]) / 10.0);
   return t;
 }
 
 Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, const Span24MaskTables& tables) {
-  const auto& [quiet, below, above] = tables;
   Span24Masks out;
   out.mask.resize(channels);
   for (std::size_t c = 0; c < channels; ++c) {
@@ -50,13 +70,17 @@ Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, c
     for (std::size_t j = 0; j < kMaskSubsubframes; ++j) {
       const PsychoBandRecord* rec = &analysis.subframes[j][c * kMaskBands];
       std::array<double, kMaskBands> masker{};
-      for (std::size_t k = 0; k < kMaskBands; ++k) masker[k] = rec[k].energy * masking_offset(rec[k].tonality);
+      for (std::size_t k = 0; k < kMaskBands; ++k) {
+        const double t = rec[k].tonality;
+        const double offset_db = t * tables.tonal_offset[k] + (1.0 - t) * kNoiseOffsetDb;
+        masker[k] = rec[k].energy * std::pow(10.0, -offset_db / 10.0);
+      }
       for (std::size_t b = 0; b < kMaskBands; ++b) {
         double m = 0.0;
-        for (std::size_t k = 0; k < kMaskBands; ++k) m += masker[k] * (k <= b ? below[b - k] : above[k - b]);
+        for (std::size_t k = 0; k < kMaskBands; ++k) m += masker[k] * tables.spread[b * kMaskBands + k];
         m = std::max(m, kForwardMasking * previous[b]);
         previous[b] = m;
-        out.mask[c][j * kMaskBands + b] = std::max(m, quiet[b]);
+        out.mask[c][j * kMaskBands + b] = std::max(m, tables.quiet[b]);
       }
     }
   }

@@ -30,15 +30,17 @@ inline constexpr double kSubbandFullScalePower = 0.5 * 8388608.0 * 8388608.0;
 double span24_quiet_threshold(std::size_t band, unsigned sample_rate);
 
 // What the masks need that depends on the stream alone: the threshold in
-// quiet and the spreading attenuations per band distance. Made once per
+// quiet, how far each band reaches on the critical-band (Bark) scale, and
+// how much of each band's masking reaches every other band. Made once per
 // stream.
 struct Span24MaskTables {
   std::array<double, kMaskBands> quiet{};
-  std::array<double, kMaskBands> below{};  // masker below the band, by distance
-  std::array<double, kMaskBands> above{};  // masker above the band, by distance
+  std::array<double, kMaskBands> bark_width{};    // critical bands the subband spans
+  std::array<double, kMaskBands> tonal_offset{};  // dB a tonal masker sits above its mask
+  std::array<double, kMaskBands * kMaskBands> spread{};  // [maskee * 32 + masker]
 };
 
-Span24MaskTables span24_mask_tables(unsigned sample_rate, const PsychoConfig& config);
+Span24MaskTables span24_mask_tables(unsigned sample_rate);
 
 Span24Masks span24_masks(const PsychoAnalysis& analysis, std::size_t channels, const Span24MaskTables& tables);
 

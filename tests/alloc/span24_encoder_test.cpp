@@ -79,5 +79,27 @@ TEST(Span24Mask, QuietThresholdFollowsHearing) {
   EXPECT_GT(span24_quiet_threshold(0, 48000), most_sensitive);
 }
 
+// Masking spreads over critical bands, not subbands: a low subband spans
+// several of them, so its masker barely reaches its neighbours, while high
+// subbands lie within one critical band of each other; it reaches further
+// upward than downward.
+TEST(Span24Mask, SpreadsOverCriticalBands) {
+  const Span24MaskTables tables = span24_mask_tables(48000);
+  const auto masks_of = [&](std::size_t band) {
+    PsychoAnalysis a;
+    a.subframes.assign(4, std::vector<PsychoBandRecord>(2 * kMaskBands));
+    for (auto& s : a.subframes) s[band].energy = 1e12;
+    return span24_masks(a, 2, tables).mask[0];
+  };
+  const auto low = masks_of(1);
+  EXPECT_NEAR(low[1], 1e12 * std::pow(10.0, -0.55), 1e9);  // a noise-like masker, 5.5 dB above its mask
+  EXPECT_LT(low[0], low[1] * 1e-2);
+  EXPECT_LT(low[2], low[1] * 1e-2);
+  const auto high = masks_of(20);
+  EXPECT_GT(high[21], high[20] * 0.1);
+  const auto mid = masks_of(10);
+  EXPECT_GT(mid[11], mid[9]);
+}
+
 }  // namespace
 }  // namespace tavrin
