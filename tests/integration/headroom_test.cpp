@@ -13,8 +13,7 @@
 #include "bitstream/cbr_sizer.h"
 #include "bitstream/frame.h"
 #include "dsp/adpcm.h"
-#include "support/decoders.h"
-#include "support/measure.h"
+#include "support/encode.h"
 #include "support/wav_writer.h"
 
 namespace tavrin {
@@ -90,12 +89,6 @@ TEST(Headroom, DecodersDifferAboveTwentyFourBits) {
   EXPECT_NEAR(ffmpeg_level[2], 1.0, 1e-3) << "ffmpeg no longer clips at 2^23";
 }
 
-struct Square {
-  double freq;
-  double dbfs;
-  bool lowered;  // the input needs its level lowered
-};
-
 // Naive squares: below -3 dBFS or with their energy split between bands
 // they fit and come back at unity gain; louder, they come back lowered
 // by the amount the summary reports, and clean.
@@ -103,6 +96,11 @@ TEST(Headroom, SquaresComeBackCleanAndAtMostAsLoudAsDecodersCarry) {
   if (!test::program_available("ffmpeg")) GTEST_SKIP() << "ffmpeg not installed";
   const fs::path dir = test::fresh_test_dir("headroom-squares");
   const std::size_t n = 48000 * 2, onset = 4096, delay = 480;
+  struct Square {
+    double freq;
+    double dbfs;
+    bool lowered;  // the input needs its level lowered
+  };
   for (const Square sq : {Square{50, -0.26, true}, Square{1000, -0.26, true}, Square{2000, -0.26, true},
                           Square{4500, -0.26, false}, Square{1000, -3.0, false}}) {
     SCOPED_TRACE(std::to_string(sq.freq) + " Hz " + std::to_string(sq.dbfs) + " dBFS");
@@ -112,18 +110,16 @@ TEST(Headroom, SquaresComeBackCleanAndAtMostAsLoudAsDecodersCarry) {
       x[i] = std::sin(2 * M_PI * sq.freq * static_cast<double>(i) / 48000 + 0.1) >= 0 ? amplitude : -amplitude;
     const fs::path wav = dir / "square.wav", dts = dir / "square.dts";
     write_wav_file(wav.string(), {x, x}, 48000, SampleFormat::s24le);
-    const auto run = test::run_command({TAVRIN_BINARY, wav.string(), dts.string(), "-b", "1411"});
-    ASSERT_EQ(run.exit_status, 0) << run.err;
+    const test::Encoded e = test::encode_and_check({TAVRIN_BINARY, wav.string(), dts.string(), "-b", "1411"}, dts,
+                                                   {48000, 1411200, n, 2, ""});
     const std::string note = "Headroom: level lowered by up to ";
-    const auto at = run.out.find(note);
-    EXPECT_EQ(at != std::string::npos, sq.lowered) << run.out;
-
-    const test::DecodedAudio decoded = test::decode_with_ffmpeg(dts, 2);
-    ASSERT_TRUE(decoded.clean()) << decoded.run.err;
+    const auto at = e.run.out.find(note);
+    EXPECT_EQ(at != std::string::npos, sq.lowered) << e.run.out;
+    if (e.decoded.channels.size() != 2) continue;
     // After the onset, the level the output settled at, and the SNR against
     // the source at that level.
     const std::vector<double> source(x.begin() + onset, x.end());
-    const std::vector<float> output(decoded.channels[0].begin() + onset, decoded.channels[0].end());
+    const std::vector<float> output(e.decoded.channels[0].begin() + onset, e.decoded.channels[0].end());
     const test::Match level = test::compare(source, output, delay);
     std::vector<double> scaled = source;
     for (double& v : scaled) v *= std::pow(10.0, level.gain_db / 20.0);
@@ -133,7 +129,7 @@ TEST(Headroom, SquaresComeBackCleanAndAtMostAsLoudAsDecodersCarry) {
       EXPECT_NEAR(level.gain_db, 0.0, 0.05);
       continue;
     }
-    const double reported = std::stod(run.out.substr(at + note.size()));
+    const double reported = std::stod(e.run.out.substr(at + note.size()));
     EXPECT_LT(level.gain_db, -1.0);
     EXPECT_LE(-level.gain_db, reported + 0.01);
   }

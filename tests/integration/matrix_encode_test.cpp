@@ -19,8 +19,7 @@
 #include <vector>
 
 #include "matrix/bed.h"
-#include "support/decoders.h"
-#include "support/measure.h"
+#include "support/encode.h"
 #include "support/wav_writer.h"
 
 namespace tavrin {
@@ -64,25 +63,12 @@ double rms_db(const std::vector<float>& x, std::size_t from, std::size_t to) {
   return 10.0 * std::log10(sum / static_cast<double>(to - from) + 1e-30);
 }
 
-struct Encoded {
-  test::CommandResult run;
-  test::DecodedAudio decoded;
-};
-
-// Encodes, checks size and both decoders, and returns ffmpeg's channels.
-Encoded encode(const fs::path& wav, std::uint32_t rate, std::size_t bed_samples, std::vector<std::string> options) {
+// Encodes with the checks every encode must pass; the bed holds
+// `bed_samples` (the input and the rear delay's tail).
+test::Encoded encode(const fs::path& wav, std::uint32_t rate, std::size_t bed_samples, std::vector<std::string> options) {
   const fs::path dts = fs::path(wav).replace_extension(".dts");
-  options.insert(options.begin(), {wav.string(), dts.string(), "--matrix-decode"});
-  Encoded r;
-  r.run = test::run_tavrin(options);
-  EXPECT_EQ(r.run.exit_status, 0) << r.run.err;
-  EXPECT_EQ(fs::file_size(dts), test::expected_stream_bytes(rate, 768000, bed_samples));
-  const auto dca = test::run_dcadec(dts, "null");
-  EXPECT_TRUE(dca.clean()) << dca.errors;
-  r.decoded = test::decode_with_ffmpeg(dts, 6);
-  EXPECT_TRUE(r.decoded.clean()) << r.decoded.run.err;
-  EXPECT_EQ(r.decoded.channels.size(), kBedChannels);
-  return r;
+  options.insert(options.begin(), {TAVRIN_BINARY, wav.string(), dts.string(), "--matrix-decode"});
+  return test::encode_and_check(options, dts, {rate, 768000, bed_samples, kBedChannels, "5.1(side)"});
 }
 
 struct Case {
@@ -136,7 +122,7 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
     const fs::path wav = dir / (std::string(c.name) + ".wav");
     write_wav_file(wav.string(), in, c.rate, SampleFormat::s24le);
     const std::size_t d = static_cast<std::size_t>(std::llround(c.rear_delay_ms * c.rate / 1000.0));
-    const Encoded r = encode(wav, c.rate, n + d, c.options);
+    const test::Encoded r = encode(wav, c.rate, n + d, c.options);
     if (r.decoded.channels.size() != kBedChannels) continue;
 
     BedSettings settings;
@@ -198,7 +184,7 @@ TEST(MatrixEncode, FullScaleInputDoesNotClip) {
     write_wav_file(wav.string(), in, rate, SampleFormat::s24le);
     std::vector<std::string> options;
     if (bass) options = {"--bass-management", "--lfe-gain", "6"};
-    const Encoded r = encode(wav, rate, n + 960, options);
+    const test::Encoded r = encode(wav, rate, n + 960, options);
     double peak = 0.0;
     for (const auto& ch : r.decoded.channels) {
       for (float x : ch) peak = std::max(peak, std::abs(static_cast<double>(x)));
