@@ -1,6 +1,7 @@
 // The ways a user's command line could cost them data or leave them stuck:
-// an output that names the input, audio arriving through a pipe, inputs
-// that are not files at all, and headers that claim more than a file holds.
+// an output that names the input, audio arriving through a pipe or as FLAC,
+// inputs that are not files at all or cannot be decoded, and headers that
+// claim more than a file holds.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "support/decoders.h"
+#include "support/measure.h"
 #include "support/wav_writer.h"
 
 namespace tavrin {
@@ -99,19 +101,31 @@ Encoded encode_with(const std::string& line, const fs::path& out) {
 }
 
 // A pipe carries no length: ffmpeg leaves placeholders in the header, and
-// raw PCM has no header at all. Either way the stream and the summary are
-// those of a file holding the same audio.
-TEST(InputSafety, PipesGiveTheStreamOfTheSameFile) {
+// raw PCM has no header at all. Either way, and from FLAC, the stream and
+// the summary are those of a WAVE file holding the same audio.
+TEST(InputSafety, PipesAndFlacGiveTheStreamOfTheSameFile) {
   ASSERT_TRUE(test::program_available("ffmpeg"));
+  ASSERT_TRUE(test::program_available("flac"));
   const fs::path dir = test::fresh_test_dir("pipes");
-  for (const std::size_t channels : {2u, 6u}) {
-    SCOPED_TRACE(channels);
-    const fs::path wav = dir / ("in" + std::to_string(channels) + ".wav");
-    const fs::path ffwav = dir / ("ff" + std::to_string(channels) + ".wav"), raw = dir / "in.s24";
-    const fs::path out = dir / "out.dts";
-    write_wav_file(wav.string(), tones(channels, 5000), 48000, SampleFormat::s24le,
-                   channels == 6 ? std::optional<std::uint32_t>(0x3F) : std::nullopt);
-    const std::string ff = "ffmpeg -v error -y -i " + quoted(wav) + " -c:a pcm_s24le ";
+  struct Case {
+    std::size_t channels;
+    std::uint32_t rate;
+    const char* format;
+    std::string flac_input_line;
+  };
+  const Case cases[] = {
+      {2, 44100, "s16le", "Input: 44100 Hz, 16-bit, stereo, 5000 samples (FLAC)"},
+      {6, 48000, "s24le", "Input: 48000 Hz, 5.1, 5000 samples/channel (FLAC)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.channels);
+    const SampleFormat fmt = parse_sample_format(c.format).value();
+    const std::string tag = std::to_string(c.channels);
+    const fs::path wav = dir / ("in" + tag + ".wav"), ffwav = dir / ("ff" + tag + ".wav");
+    const fs::path flac = dir / ("in" + tag + ".flac"), raw = dir / "in.pcm", out = dir / "out.dts";
+    write_wav_file(wav.string(), tones(c.channels, 5000), c.rate, fmt,
+                   c.channels == 6 ? std::optional<std::uint32_t>(0x3F) : std::nullopt);
+    const std::string ff = "ffmpeg -v error -y -i " + quoted(wav) + " -c:a pcm_" + c.format + " ";
     // ffmpeg writing a file seeks back and fills in the sizes: the reference.
     ASSERT_EQ(shell(ff + "-f wav " + quoted(ffwav)).exit_status, 0);
     const Encoded file = encode_with("$T " + quoted(ffwav) + " " + quoted(out), out);
@@ -130,12 +144,23 @@ TEST(InputSafety, PipesGiveTheStreamOfTheSameFile) {
         encode_with("cat " + quoted(ffwav) + " > " + quoted(fifo) + " & $T " + quoted(fifo) + " " + quoted(out), out);
     EXPECT_EQ(named.stream, file.stream);
 
-    if (channels != 2) continue;
-    ASSERT_EQ(shell(ff + "-f s24le " + quoted(raw)).exit_status, 0);
-    std::string raw_args;
-    for (const auto& a : kRawStereo24) raw_args += " " + a;
+    // FLAC: only the input line differs.
+    ASSERT_EQ(shell("flac -s -f --no-padding -o " + quoted(flac) + " " + quoted(wav)).exit_status, 0);
+    const Encoded from_flac = encode_with("$T " + quoted(flac) + " " + quoted(out), out);
+    EXPECT_EQ(from_flac.stream, file.stream);
+    auto file_lines = test::lines(file.run.out), flac_lines = test::lines(from_flac.run.out);
+    ASSERT_FALSE(flac_lines.empty());
+    EXPECT_EQ(flac_lines.front(), c.flac_input_line);
+    file_lines.erase(file_lines.begin());
+    flac_lines.erase(flac_lines.begin());
+    EXPECT_EQ(flac_lines, file_lines);
+
+    if (c.channels != 2) continue;
+    ASSERT_EQ(shell(ff + "-f " + c.format + " " + quoted(raw)).exit_status, 0);
+    const std::string raw_args = " --raw --pcm-format " + std::string(c.format) + " --sample-rate " +
+                                 std::to_string(c.rate) + " --layout 2.0";
     const Encoded raw_file = encode_with("$T " + quoted(raw) + " " + quoted(out) + raw_args, out);
-    const Encoded raw_piped = encode_with(ff + "-f s24le - | $T - " + quoted(out) + raw_args, out);
+    const Encoded raw_piped = encode_with(ff + "-f " + c.format + " - | $T - " + quoted(out) + raw_args, out);
     EXPECT_EQ(raw_piped.stream, raw_file.stream);
     EXPECT_EQ(raw_piped.run.out, raw_file.run.out);
     EXPECT_EQ(raw_file.stream, file.stream);
@@ -150,6 +175,42 @@ TEST(InputSafety, PipesGiveTheStreamOfTheSameFile) {
     const auto cut_wav = shell("head -c 3001 " + quoted(pipe_wav) + " | $T - " + quoted(out));
     EXPECT_EQ(cut_wav.exit_status, 1);
     EXPECT_EQ(cut_wav.err, error_line("unexpected end of PCM input"));
+  }
+}
+
+// A FLAC file that fails to decode halfway leaves the output empty, and a
+// missing libFLAC stops FLAC input only. (The input tests check each FLAC
+// message.)
+TEST(InputSafety, UnusableFlacWritesNoFrame) {
+  const fs::path dir = test::fresh_test_dir("flac-refusals");
+  const fs::path wav = dir / "good.wav", flac = dir / "good.flac", no_library = dir / "no-library";
+  write_wav_file(wav.string(), tones(2, 8000), 48000, SampleFormat::s16le);
+  ASSERT_EQ(test::run_command({"flac", "-s", "-f", "--no-padding", "-o", flac.string(), wav.string()}).exit_status, 0);
+  // Damage in the middle of the audio frames: their checksums fail.
+  std::vector<std::uint8_t> bytes = test::read_bytes(flac);
+  for (std::size_t i = bytes.size() / 2; i < bytes.size() / 2 + 64; ++i) bytes[i] ^= 0x5A;
+  test::write_bytes(dir / "corrupt.flac", bytes);
+  fs::create_directories(no_library);
+  struct Case {
+    std::string input;
+    bool hide_library;
+    std::string error;  // empty: the encode succeeds
+  };
+  const Case cases[] = {
+      {"corrupt.flac", false, "libFLAC decode failed"},
+      {"good.flac", true, "FLAC input requires libFLAC.so beside tavrin-dts or on the library path"},
+      {"good.wav", true, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.input);
+    const fs::path out = dir / "out.dts";
+    std::vector<std::string> args;
+    if (c.hide_library) args = {"env", "TAVRIN_DTS_TEST_FLAC_DIR=" + no_library.string()};
+    args.insert(args.end(), {TAVRIN_BINARY, (dir / c.input).string(), out.string(), "-q"});
+    const auto r = test::run_command(args);
+    EXPECT_EQ(r.exit_status, c.error.empty() ? 0 : 1);
+    EXPECT_EQ(r.err, c.error.empty() ? "" : error_line(c.error));
+    EXPECT_EQ(fs::file_size(out) == 0, !c.error.empty());
   }
 }
 
