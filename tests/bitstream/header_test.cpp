@@ -32,13 +32,6 @@ TEST(FrameHeader, WritesEveryFieldInOrder) {
   EXPECT_EQ(header_fields(g), (Fields{0x7FFE8001u, 0, 17, 0, 5, 16383, 9, 13, 15, 0, 1, 0, 1, 0, 5, 1, 0, 2, 1, 0, 15, 3, 3, 1, 0, 9}));
 }
 
-// Guards the match of AMODE and the channels the payload carries.
-TEST(FrameHeader, ChannelsForAmode) {
-  const unsigned channels[] = {1, 2, 2, 2, 2, 3, 3, 4, 4, 5};
-  for (unsigned amode = 0; amode < 10; ++amode) EXPECT_EQ(channels_for_amode(amode), channels[amode]) << amode;
-  EXPECT_EQ(message_of<std::runtime_error>([] { channels_for_amode(10); }), "unsupported AMODE");
-}
-
 // Each check fires where it stands: the bits before the faulty field are
 // already written, none after it.
 TEST(FrameHeader, Rejections) {

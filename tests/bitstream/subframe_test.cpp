@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <vector>
 
 #include "bitstream/bit_writer.h"
@@ -122,6 +123,28 @@ TEST(Subframe, PayloadOrderAndAudio) {
   }
   EXPECT_EQ(r.read(16), 0xFFFFu);
   EXPECT_EQ(r.pos, head.bit_count() + per_subframe);
+}
+
+// Four samples of ABITS 1..7 make one word, the first sample the lowest
+// digit, in the fewest bits that hold every word.
+TEST(Subframe, BlockCodeWordsPackTheFirstSampleLowest) {
+  struct Case {
+    unsigned abits;
+    std::int32_t four[4];
+    std::uint32_t word;
+  };
+  const Case cases[] = {
+      {1, {-1, -1, -1, -1}, 0}, {1, {1, -1, -1, -1}, 2}, {1, {0, 0, 0, 1}, 1 + 3 + 9 + 2 * 27}, {1, {1, 1, 1, 1}, 80},
+      {7, {12, -12, 0, 0}, 24 + 0 * 25 + 12 * 625 + 12 * 15625}, {5, {6, 6, 6, 6}, 13 * 13 * 13 * 13 - 1},
+  };
+  for (const Case& c : cases) EXPECT_EQ(block_code_word(c.four, c.abits), c.word) << c.abits;
+  for (unsigned a = 1; a <= 7; ++a) {
+    const BlockCodeFormat f = block_code_format(a);
+    EXPECT_LT(std::pow(f.levels, 4) - 1, std::pow(2.0, f.width)) << a;
+    EXPECT_GE(std::pow(f.levels, 4), std::pow(2.0, f.width - 1)) << a;
+  }
+  const std::int32_t outside[4] = {0, 0, 2, 0};
+  EXPECT_THROW(block_code_word(outside, 1), std::invalid_argument);
 }
 
 // Zero padding to the target; an exact fit is taken, one bit more is not and
