@@ -3,9 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
 #include <random>
 #include <stdexcept>
@@ -71,23 +69,12 @@ fs::path make_flac(const fs::path& dir, const std::string& name, const Channels&
 #define SKIP_WITHOUT_FLAC_TOOL() \
   if (!test::program_available("flac")) GTEST_SKIP() << "the flac tool cannot be run here"
 
-std::vector<std::uint8_t> read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-// XORs `count` bytes at `offset`; a negative offset lands in the middle of
-// the audio frames, past every metadata block.
+// XORs `count` bytes at `offset`, or, for a negative offset, in the middle
+// of the file, which (with no padding block) lies in the audio frames.
 void damage(const fs::path& path, long offset, std::size_t count) {
-  std::vector<std::uint8_t> bytes = read_file(path);
-  if (offset < 0) {
-    std::size_t pos = 4;
-    for (bool last = false; !last; pos += 4 + (bytes[pos + 1] << 16 | bytes[pos + 2] << 8 | bytes[pos + 3])) {
-      last = (bytes[pos] & 0x80) != 0;
-    }
-    offset = static_cast<long>(pos + (bytes.size() - pos) / 2);
-  }
-  for (std::size_t i = 0; i < count; ++i) bytes[static_cast<std::size_t>(offset) + i] ^= 0xA5;
+  std::vector<std::uint8_t> bytes = test::read_bytes(path);
+  const std::size_t at = offset < 0 ? bytes.size() / 2 : static_cast<std::size_t>(offset);
+  for (std::size_t i = 0; i < count; ++i) bytes[at + i] ^= 0xA5;
   test::write_bytes(path, bytes);
 }
 
@@ -175,7 +162,7 @@ TEST(Flac, Failures) {
     // Junk after the last frame: libFLAC reports it and still ends the stream
     // normally, with no block left to abort.
     const fs::path trailing = make_flac(dir, "trailing", random_audio(2, 3000, 16, 14), 16, 48000, 1152);
-    std::vector<std::uint8_t> bytes = read_file(trailing);
+    std::vector<std::uint8_t> bytes = test::read_bytes(trailing);
     bytes.insert(bytes.end(), 64, 0x5A);
     test::write_bytes(trailing, bytes);
     cases.insert(cases.end(),
