@@ -475,13 +475,15 @@ void allocate(Allocation& a, const Span24Settings& settings, std::uint64_t paylo
 // in one subsubframe (its error measure with nothing coded) is 3 dB or more
 // above another's, which an attack, a sound that stops, or the model's
 // weights changing after an attack all bring. The stakes of a decibel
-// measure are not powers, so there the energy alone counts.
+// measure are not powers, and a noise-to-mask measure divides the energy
+// out again (its masks follow the energy), so for those the energy alone
+// counts.
 bool worth_splitting(const std::vector<Unit>& units, const PsychoAnalysis& psycho, Span24Objective kind) {
   std::array<double, 4> stake{};
   for (const Unit& u : units) {
     for (unsigned j = 0; j < u.ssc; ++j) {
       const double energy = psycho.subframes[u.first_ssf + j][u.channel * kBands + u.band].energy;
-      stake[u.first_ssf + j] += kind == Span24Objective::log_error ? energy : u.weight[j] * energy;
+      stake[u.first_ssf + j] += kind == Span24Objective::weighted_error ? u.weight[j] * energy : energy;
     }
   }
   const auto [lowest, highest] = std::minmax_element(stake.begin(), stake.end());
