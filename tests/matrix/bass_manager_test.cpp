@@ -93,15 +93,6 @@ TEST(BassManager, CrossoverPathsSumToAnAllPass) {
   }
 }
 
-TEST(BassManager, LfeComesFromTheMainsOnly) {
-  BassManager m = make_bass_manager(48000, 80.0, 6.0);
-  BedChannels bed = tone_bed(kBedLfe, 50.0, 48000, 4800);
-  process_bass(m, bed);
-  for (const auto& ch : bed) {
-    for (float x : ch) ASSERT_EQ(x, 0.0f);
-  }
-}
-
 TEST(BassManager, BlocksChangeNothingAndLengthsMustAgree) {
   std::mt19937 rng(7);
   std::uniform_real_distribution<float> u(-0.5f, 0.5f);
