@@ -156,28 +156,6 @@ TEST(MultichannelEncode, EveryLayoutRateAndBitrate) {
   }
 }
 
-// What lies above the LFE's band does not fold down into the bass.
-TEST(MultichannelEncode, LfeKeepsNoTreble) {
-  const fs::path dir = test::fresh_test_dir("multichannel-lfe");
-  const Layout& layout = layouts()[4];
-  for (const std::uint32_t rate : {44100u, 48000u}) {
-    SCOPED_TRACE(rate);
-    Channels source(6, std::vector<double>(rate, 0.0));
-    for (std::size_t i = 0; i < rate; ++i) source[3][i] = 0.5 * std::sin(2 * M_PI * 2000.0 * static_cast<double>(i) / rate);
-    source = test::as_stored(source, SampleFormat::s24le);
-    const fs::path input = dir / (std::to_string(rate) + ".wav");
-    write_wav_file(input.string(), source, rate, SampleFormat::s24le, layout.mask);
-    const test::Encoded r = encode(input, layout, source, rate, 1411200, {"-q"});
-    if (r.decoded.channels.size() != 6) continue;
-    double in = 0, out = 0;
-    for (std::size_t i = kDelay; i < rate; ++i) {
-      in += source[3][i - kDelay] * source[3][i - kDelay];
-      out += static_cast<double>(r.decoded.channels[3][i]) * r.decoded.channels[3][i];
-    }
-    EXPECT_LE(10.0 * std::log10(out / in), -40.0);
-  }
-}
-
 // The decoder checks above must be able to fail: damaging the side
 // information of one frame shows in both decoders' reports.
 TEST(MultichannelEncode, DecodersNoticeADamagedFrame) {
