@@ -36,7 +36,7 @@ bool program_available(std::string_view) { return false; }
 
 void set_environment(const char* name, const char* value) { _putenv_s(name, value != nullptr ? value : ""); }
 
-int process_id() { return _getpid(); }
+static int process_id() { return _getpid(); }
 
 #else
 
@@ -120,7 +120,7 @@ void set_environment(const char* name, const char* value) {
   value != nullptr ? ::setenv(name, value, 1) : ::unsetenv(name);
 }
 
-int process_id() { return static_cast<int>(::getpid()); }
+static int process_id() { return static_cast<int>(::getpid()); }
 
 bool program_available(std::string_view name) {
   const char* path = std::getenv("PATH");
@@ -197,16 +197,6 @@ StreamInfo probe_stream(const std::filesystem::path& file) {
 
 DecodedAudio decode_with_ffmpeg(const std::filesystem::path& file, int channels) {
   DecodedAudio decoded;
-  if (channels <= 0) {
-    const StreamInfo info = probe_stream(file);
-    if (!info.ok || info.channels <= 0) {
-      decoded.run = info.run;
-      if (decoded.run.exit_status == 0) decoded.run.exit_status = -1;
-      if (decoded.run.err.empty()) decoded.run.err = "ffprobe found no audio stream";
-      return decoded;
-    }
-    channels = info.channels;
-  }
   decoded.run =
       run_command({"ffmpeg", "-nostdin", "-v", "error", "-f", "dts", "-i", file.string(), "-f", "f32le", "-"});
   const std::string& raw = decoded.run.out;

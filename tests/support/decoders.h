@@ -32,7 +32,6 @@ bool program_available(std::string_view name);
 
 // Sets an environment variable of this process; nullptr removes it.
 void set_environment(const char* name, const char* value);
-int process_id();
 
 // ---- Files and folders ------------------------------------------------------
 
@@ -84,9 +83,9 @@ struct DecodedAudio {
 };
 
 // Decodes with `ffmpeg -v error -i <file> -f f32le -` and de-interleaves the
-// samples. `channels` 0 asks ffprobe for the stream's channel count first.
-// A decode error leaves the run's status and stderr for the caller to judge.
-DecodedAudio decode_with_ffmpeg(const std::filesystem::path& file, int channels = 0);
+// samples into `channels` channels. A decode error leaves the run's status
+// and stderr for the caller to judge.
+DecodedAudio decode_with_ffmpeg(const std::filesystem::path& file, int channels);
 
 // ---- libdca -----------------------------------------------------------------
 
