@@ -28,6 +28,10 @@ enum class Span24Objective : std::uint8_t {
   weighted_error,  // squared error weighted by the psychoacoustic model, as the legacy path measures it
   log_error,       // error in decibels: every band's signal-to-noise ratio counts alike
   noise_to_mask,   // noise power over the masking threshold, per critical band and subsubframe
+  // The weighted error plus the noise-to-mask measure at a tenth of its
+  // stake: the weights alone price noise in a quiet band (between clicks,
+  // around an attack) by the band's own level, the masks by what hides it.
+  weighted_and_mask,
 };
 
 struct Span24Settings {

@@ -1,11 +1,10 @@
 // The 24+8 encoder end to end: every mode at both rates and all four bit
 // rates makes streams both decoders read, of exactly the CBR size, at unity
-// gain, with the summary the driver promises, the same bytes every time; and
-// the production settings do better than the legacy path where it counts.
+// gain, with the summary the driver promises, the same bytes every time.
+// (How they sound against the legacy path: the quality floors.)
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstdint>
 #include <filesystem>
 #include <numbers>
@@ -110,31 +109,6 @@ TEST(Span24Encode, EveryModeRateAndBitrate) {
         }
       }
     }
-  }
-}
-
-// On material the legacy path already codes well, the production settings
-// must still do better at every bit rate.
-TEST(Span24Encode, ProductionBeatsLegacy) {
-  const fs::path dir = test::fresh_test_dir("span24-vs-legacy");
-  const std::uint32_t rate = 48000;
-  const std::size_t n = rate;
-  const Channels source = programme(rate, n);
-  const fs::path wav = dir / "in.wav";
-  write_wav_file(wav.string(), source, rate, SampleFormat::s24le);
-  for (const std::uint32_t kbps : {768u, 1024u, 1152u, 1411u}) {
-    double snr[2] = {0.0, 0.0};
-    for (int production = 0; production < 2; ++production) {
-      const fs::path dts = dir / (std::to_string(kbps) + (production ? "-pc.dts" : "-legacy.dts"));
-      std::vector<std::string> args = {wav.string(), dts.string(), "-b", std::to_string(kbps), "-q"};
-      if (production) args.push_back("--production-candidate");
-      ASSERT_EQ(test::run_tavrin(args).exit_status, 0);
-      const auto decoded = test::decode_with_ffmpeg(dts, 2);
-      ASSERT_TRUE(decoded.clean());
-      snr[production] = test::compare(source[0], decoded.channels[0], kDelay).snr_db;
-    }
-    std::printf("[ span24   ] %u kbit/s: legacy %.2f dB, production-candidate %.2f dB\n", kbps, snr[0], snr[1]);
-    EXPECT_GT(snr[1], snr[0]) << kbps;
   }
 }
 
