@@ -37,6 +37,11 @@ constexpr double kPredictableResidual = 0.5;
 // error's stake over the frame: from 0.03 to 1 the test signals' NMR moves
 // by tenths of a dB; 0.1 is the best of those at 768 kbit/s.
 constexpr double kMaskStake = 0.1;
+// Noise 40 dB under its mask is inaudible by any measure: the mask term
+// stops paying for less there. Without the floor it bought noise in near
+// silence down to -110 dBFS with the largest ABITS, and took those bits
+// from the attack beside it (castanets' pre-echo rose 4 to 6 dB).
+constexpr double kMaskDepth = 1e-4;
 
 // ---- What the payload costs, counted by the payload writer ------------------
 
@@ -127,6 +132,8 @@ struct Unit {
   std::array<unsigned, 2> part_end{};
   std::array<double, 3> weight{};      // per subsubframe: what a unit of squared error costs
   std::array<double, 3> floor{};       // per subsubframe: the log measure's floor
+  std::array<double, 3> mask_weight{};  // per subsubframe: the mask term's weight
+  std::array<double, 3> mask_floor{};   // and the error below which it gains nothing
   unsigned abits = 0;
   double value = 0.0;  // the objective at abits
   double least = 0.0;  // the objective with no error left
@@ -210,6 +217,7 @@ double measure(const Unit& u, const std::array<double, 3>& e, Span24Objective ki
   double v = 0.0;
   for (unsigned j = 0; j < u.ssc; ++j) {
     v += kind == Span24Objective::log_error ? 10.0 * std::log10(e[j] + u.floor[j]) : u.weight[j] * e[j];
+    if (kind == Span24Objective::weighted_and_mask) v += u.mask_weight[j] * std::max(e[j], u.mask_floor[j]);
   }
   return v;
 }
@@ -296,9 +304,15 @@ unsigned choose_tmode(const Unit& u) {
 }
 
 // What a unit of squared error costs in each subsubframe and band of the
-// frame (channel * 32 + band), by the objective; for the decibel measure,
-// its floor instead. Worked out once per frame, for both layouts.
-using FrameWeights = std::array<std::array<double, kChannels * kBands>, kMaxSubframes>;
+// frame (channel * 32 + band), by the objective (for the decibel measure,
+// its floor instead), and what the mask term adds down to its floor.
+// Worked out once per frame, for both layouts.
+using BandTable = std::array<std::array<double, kChannels * kBands>, kMaxSubframes>;
+struct FrameWeights {
+  BandTable weight{};
+  BandTable mask_weight{};
+  BandTable mask_floor{};
+};
 
 double mask_weight(const Span24Masks& masks, const Span24MaskTables& tables, unsigned ssf, unsigned c, unsigned b) {
   return tables.bark_width[b] / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
@@ -326,7 +340,7 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
   for (unsigned ssf = 0; ssf < kMaxSubframes; ++ssf) {
     for (unsigned c = 0; c < kChannels; ++c) {
       for (unsigned b = 0; b < kBands; ++b) {
-        double& v = w[ssf][c * kBands + b];
+        double& v = w.weight[ssf][c * kBands + b];
         const double weight = psycho.subframes[ssf][c * kBands + b].weight;
         switch (kind) {
           case Span24Objective::weighted_error:
@@ -339,7 +353,10 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
             v = kSsfSamples * tables.quiet[b];
             break;
           case Span24Objective::weighted_and_mask:
-            v = weight + mask_share * tables.bark_width[b] / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
+            v = weight;
+            w.mask_weight[ssf][c * kBands + b] =
+                mask_share * tables.bark_width[b] / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
+            w.mask_floor[ssf][c * kBands + b] = kMaskDepth * kSsfSamples * masks.mask[c][ssf * kBands + b];
             break;
         }
       }
@@ -376,8 +393,10 @@ std::vector<Unit> make_units(const Layout& layout, const std::vector<const doubl
         u.part_start = {0, u.part_end[0]};
         if (u.tmode == 0) u.peak[1] = u.peak[0];
         for (unsigned j = 0; j < u.ssc; ++j) {
-          const double v = weights[u.first_ssf + j][c * kBands + b];
-          (settings.objective == Span24Objective::log_error ? u.floor : u.weight)[j] = v;
+          const unsigned at = c * kBands + b, ssf = u.first_ssf + j;
+          (settings.objective == Span24Objective::log_error ? u.floor : u.weight)[j] = weights.weight[ssf][at];
+          u.mask_weight[j] = weights.mask_weight[ssf][at];
+          u.mask_floor[j] = weights.mask_floor[ssf][at];
         }
         u.value = objective(u, 0, settings.objective);
         u.least = measure(u, {}, settings.objective);
