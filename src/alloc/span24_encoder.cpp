@@ -12,6 +12,7 @@
 #include "alloc/span24_prediction.h"
 #include "bitstream/bit_writer.h"
 #include "bitstream/frame_header.h"
+#include "dsp/qmf_kernel.h"
 #include "dsp/quantizer.h"
 
 namespace tavrin {
@@ -169,7 +170,16 @@ struct PartCode {
 };
 
 // Squared error of each subsubframe of a part at `choice`.
+// The direct codes go through the selected kernel (AVX2 where the machine
+// has it), which gives the same sums bit for bit.
 void part_errors(const Unit& u, unsigned part, const QuantizerChoice& choice, std::array<double, 3>& error) {
+  if (choice.abits >= 8) {
+    const QuantErrorFn kernel = qmf_kernel().quantization_error8;
+    const double inverse = 1.0 / choice.quantum;
+    for (unsigned i = u.part_start[part]; i < u.part_end[part]; i += kSsfSamples)
+      error[i / kSsfSamples] = kernel(u.x.data() + i, choice.quantum, inverse, choice.abits);
+    return;
+  }
   for (unsigned i = u.part_start[part]; i < u.part_end[part]; i += kSsfSamples) {
     error[i / kSsfSamples] = quantization_error<kSsfSamples>(u.x.data() + i, choice);
   }
