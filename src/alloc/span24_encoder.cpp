@@ -38,11 +38,11 @@ constexpr double kPredictableResidual = 0.5;
 // error's stake over the frame: from 0.03 to 1 the test signals' NMR moves
 // by tenths of a dB; 0.1 is the best of those at 768 kbit/s.
 constexpr double kMaskStake = 0.1;
-// Noise 40 dB under its mask is inaudible by any measure: the mask term
-// stops paying for less there. Without the floor it bought noise in near
-// silence down to -110 dBFS with the largest ABITS, and took those bits
-// from the attack beside it (castanets' pre-echo rose 4 to 6 dB).
-constexpr double kMaskDepth = 1e-4;
+// The mask term stops paying for less noise 60 dB under the mask. Without a
+// floor it bought noise in near silence down to -110 dBFS with the largest
+// ABITS and took those bits from the attack beside it; at 40 dB it gave up
+// more than the 60 dB floor on the test signals at 768 and 1024 kbit/s.
+constexpr double kMaskDepth = 1e-6;
 // A band's energy rising this much (9 dB) from one subsubframe to the next
 // is an attack whose pre-ringing needs guarding (3x does the same on the
 // test signals).

@@ -57,7 +57,7 @@ TEST(Cli, StatusesOutputAndMessages) {
        "Output: 768000 bit/s nominal, 2048 bytes/frame, 3 DTS frames\n"
        "Path: PRODUCTION-CANDIDATE 24+8 rate-aware\n"
        "Realized average bitrate: 768000.00 bit/s\n"
-       "Span24 frames: 3, predictions: 70, reinvested bits: 1402\n"
+       "Span24 frames: 3, predictions: 41, reinvested bits: 1842\n"
        "Final frame zero-padded by 72 samples/channel\n",
        "", 3 * 2048},
       // The analysis passes take far less than half a second, so their
