@@ -25,17 +25,8 @@ namespace fs = std::filesystem;
 const std::vector<std::string> kRawStereo24 = {"--raw", "--pcm-format", "s24le", "--sample-rate", "48000",
                                                "--layout", "2.0"};
 
-std::string quoted(const fs::path& p) {
-  std::string q = "'";  // built in steps: GCC 12 misreads "'" + s + "'" (-Wrestrict)
-  q += p.string();
-  q += '\'';
-  return q;
-}
-
-// Runs a shell line in which $T is the encoder.
-test::CommandResult shell(const std::string& line) {
-  return test::run_command({"sh", "-c", "T=" + std::string(TAVRIN_BINARY) + "; " + line});
-}
+const auto quoted = test::shell_quoted;
+const auto shell = test::run_shell;
 
 std::vector<std::vector<double>> tones(std::size_t channels, std::size_t n) {
   std::vector<std::vector<double>> c(channels, std::vector<double>(n));

@@ -154,6 +154,13 @@ std::filesystem::path make_temp_dir(const std::filesystem::path& base, std::stri
   throw std::runtime_error("cannot create a temporary folder under " + base.string());
 }
 
+std::string shell_quoted(const std::filesystem::path& path) {
+  std::string q = "'";  // built in steps: GCC 12 misreads "'" + s + "'" (-Wrestrict)
+  q += path.string();
+  q += '\'';
+  return q;
+}
+
 void write_bytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes) {
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));

@@ -51,7 +51,16 @@ inline CommandResult run_tavrin(std::vector<std::string> args) {
   args.insert(args.begin(), TAVRIN_BINARY);
   return run_command(args);
 }
+// Runs a shell line in which $T is the encoder.
+inline CommandResult run_shell(const std::string& line) {
+  std::string script = "T='" TAVRIN_BINARY "'; ";
+  script += line;
+  return run_command({"sh", "-c", script});
+}
 #endif
+
+// A path in single quotes, for a shell line.
+std::string shell_quoted(const std::filesystem::path& path);
 
 // Writes bytes to path, replacing it; throws std::runtime_error on failure.
 void write_bytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes);

@@ -64,4 +64,35 @@ inline Encoded encode_and_check(const std::vector<std::string>& argv, const std:
   return e;
 }
 
+#ifdef TAVRIN_BINARY
+// encode_and_check of `[env] tavrin-dts <input> <input>.dts -b <bit rate> <extra>`.
+inline Encoded encode_file(const std::filesystem::path& input, const StreamFacts& want,
+                           const std::vector<std::string>& extra = {}, const std::string& env = "") {
+  const std::filesystem::path stream = std::filesystem::path(input).replace_extension(".dts");
+  std::vector<std::string> args = {TAVRIN_BINARY, input.string(), stream.string(), "-b", std::to_string(want.bitrate)};
+  if (!env.empty()) args.insert(args.begin(), {"env", env});
+  args.insert(args.end(), extra.begin(), extra.end());
+  return encode_and_check(args, stream, want);
+}
+#endif
+
+// Samples from a source sample to its decoded counterpart in every stream.
+inline constexpr std::size_t kStreamDelay = 480;
+
+// A main channel comes back exactly kStreamDelay late at unity gain, at
+// least `min_snr_db` clean.
+inline Match expect_unity(const std::vector<double>& source, const std::vector<float>& decoded, double min_snr_db) {
+  const Match m = compare(source, decoded, kStreamDelay);
+  EXPECT_NEAR(m.gain_db, 0.0, 0.05);
+  EXPECT_GE(m.snr_db, min_snr_db);
+  return m;
+}
+
+// The LFE within its coder's alignment and level.
+inline void expect_lfe_matches(const std::vector<double>& source, const std::vector<float>& decoded) {
+  const std::size_t delay = best_delay(source, decoded, kStreamDelay - 40, kStreamDelay + 40);
+  EXPECT_LE(delay > kStreamDelay ? delay - kStreamDelay : kStreamDelay - delay, 16u);
+  EXPECT_NEAR(compare(source, decoded, delay).gain_db, 0.0, 0.5);
+}
+
 }  // namespace tavrin::test
