@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -21,8 +20,7 @@
 #include "bitstream/cbr_sizer.h"
 #include "dsp/adpcm.h"
 #include "dsp/qmf.h"
-#include "support/decoders.h"
-#include "support/measure.h"
+#include "support/encode.h"
 #include "support/wav_writer.h"
 
 namespace tavrin {
@@ -30,8 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Channels;
-
-constexpr std::size_t kDelay = 480;
+using test::kStreamDelay;
 
 // Sustained harmonic tones, one partial a band: the material prediction is
 // for.
@@ -189,36 +186,20 @@ TEST(Prediction, DecodersReconstructWhatTheEncoderModels) {
 // the first; no error builds up in the prediction history.
 TEST(Prediction, LongToneDoesNotDrift) {
   const fs::path dir = test::fresh_test_dir("prediction-drift");
-  constexpr std::size_t kRate = 48000, kSeconds = 600;
-  // 880 Hz repeats every 600 samples and 990 Hz every 1600: one period of
-  // each is all the ten minutes need.
-  std::vector<double> period[2];
-  for (std::size_t ch = 0; ch < 2; ++ch) {
-    period[ch].resize(ch == 0 ? 600 : 1600);
-    for (std::size_t i = 0; i < period[ch].size(); ++i) {
-      const double v = harmonic(880.0 + 110.0 * static_cast<double>(ch), static_cast<double>(i) / kRate, 0.3);
-      period[ch][i] = std::nearbyint(v * 8388608.0) / 8388608.0;
-    }
-  }
-  const auto sample = [&period](std::size_t ch, std::size_t i) { return period[ch][i % period[ch].size()]; };
+  constexpr std::size_t kRate = 48000, kSeconds = 600, kPeriod = 4800;
+  // 880 Hz repeats every 600 samples and 990 Hz every 1600: one common
+  // period of both is all the ten minutes need.
+  const Channels period = make(kPeriod, [](std::size_t ch, double t) { return harmonic(880.0 + 110.0 * ch, t, 0.3); });
+  const auto sample = [&period](std::size_t ch, std::size_t i) { return period[ch][i % kPeriod]; };
   const fs::path input = dir / "tone.pcm", stream = dir / "tone.dts";
   {
+    const std::vector<std::uint8_t> bytes = encode_pcm_interleaved(period, SampleFormat::s24le);
     std::ofstream out(input, std::ios::binary);
-    std::vector<char> chunk;
-    for (std::size_t i = 0; i < kRate * kSeconds; ++i) {
-      for (std::size_t ch = 0; ch < 2; ++ch) {
-        const auto v = static_cast<std::int32_t>(sample(ch, i) * 8388608.0);
-        for (int b = 0; b < 3; ++b) chunk.push_back(static_cast<char>((static_cast<std::uint32_t>(v) >> (8 * b)) & 0xFF));
-      }
-      if (chunk.size() >= (1u << 20)) {
-        out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-        chunk.clear();
-      }
-    }
-    out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+    for (std::size_t i = 0; i < kRate * kSeconds / kPeriod; ++i)
+      out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
   }
-  const auto r = test::run_command({TAVRIN_BINARY, input.string(), stream.string(), "--raw", "--pcm-format", "s24le",
-                                    "--sample-rate", "48000", "--layout", "2.0", "-q"});
+  const auto r = test::run_tavrin({input.string(), stream.string(), "--raw", "--pcm-format", "s24le", "--sample-rate",
+                                   "48000", "--layout", "2.0", "-q"});
   ASSERT_EQ(r.exit_status, 0) << r.err;
   fs::remove(input);
 
@@ -229,8 +210,8 @@ TEST(Prediction, LongToneDoesNotDrift) {
   double signal[2] = {}, noise[2] = {};
   float frame[2];
   for (std::size_t i = 0; std::fread(frame, sizeof frame, 1, pipe.get()) == 1; ++i) {
-    if (i < kDelay) continue;
-    const std::size_t at = i - kDelay;
+    if (i < kStreamDelay) continue;
+    const std::size_t at = i - kStreamDelay;
     const int minute = at < kRate * 60 ? 0 : at >= kRate * (kSeconds - 60) && at < kRate * kSeconds ? 1 : -1;
     if (minute < 0) continue;
     for (std::size_t ch = 0; ch < 2; ++ch) {
@@ -280,14 +261,11 @@ TEST(Prediction, PaysOnTonesAndCostsNothingElsewhere) {
     write_wav_file(input.string(), c.source, 48000, SampleFormat::s24le);
     double snr[2][2] = {};
     for (int on = 0; on < 2; ++on) {
-      const fs::path stream = dir / (c.name + (on ? "-on.dts" : "-off.dts"));
-      std::vector<std::string> args = {"env", std::string("TAVRIN_DTS_ADPCM=") + (on ? "1" : "0"), TAVRIN_BINARY,
-                                       input.string(), stream.string(), "-q"};
-      const auto r = test::run_command(args);
-      ASSERT_EQ(r.exit_status, 0) << r.err;
-      const test::DecodedAudio d = test::decode_with_ffmpeg(stream, 2);
-      ASSERT_TRUE(d.clean()) << d.run.err;
-      for (std::size_t ch = 0; ch < 2; ++ch) snr[on][ch] = test::compare(c.source[ch], d.channels[ch], kDelay).snr_db;
+      const test::Encoded e =
+          test::encode_file(input, {48000, 768000, n, 2, ""}, {"-q"}, on ? "TAVRIN_DTS_ADPCM=1" : "TAVRIN_DTS_ADPCM=0");
+      ASSERT_EQ(e.decoded.channels.size(), 2u);
+      for (std::size_t ch = 0; ch < 2; ++ch)
+        snr[on][ch] = test::compare(c.source[ch], e.decoded.channels[ch], kStreamDelay).snr_db;
     }
     for (std::size_t ch = 0; ch < 2; ++ch) {
       EXPECT_GE(snr[1][ch] - snr[0][ch], c.min_gain_db) << "channel " << ch;
