@@ -62,27 +62,21 @@ TEST(Progress, DrawsThrottlesFinishesAndChangesPhase) {
   EXPECT_FALSE(state.lineOpen);
 }
 
-TEST(Progress, QuietAndEmptyTotalsDrawNothing) {
-  ProgressState quiet;
+// Quiet or with no total, nothing is drawn; an open line is closed once at
+// the end, a closed one not again.
+TEST(Progress, QuietEmptyTotalsAndTheLastNewline) {
+  ProgressState quiet, unknown, open;
   quiet.suppressed = true;
   run_steps(quiet, {{"Encoding", 5, 10, kSecond, ""}, {"Encoding", 10, 10, 2 * kSecond, ""}});
-  std::ostringstream out;
-  close_progress_line(quiet, out);
-  EXPECT_EQ(out.str(), "");
-
-  ProgressState unknown;
   run_steps(unknown, {{"Encoding", 5, 0, kSecond, ""}, {"Encoding", 0, 0, 2 * kSecond, ""}});
   EXPECT_FALSE(unknown.lineOpen);
-}
-
-TEST(Progress, AnOpenLineIsClosedAtTheEnd) {
-  ProgressState state;
-  std::ostringstream out;
-  update_progress_at(state, out, "Encoding", 1, 3, kSecond);
-  ASSERT_TRUE(state.lineOpen);
-  close_progress_line(state, out);
-  close_progress_line(state, out);
-  EXPECT_EQ(out.str(), line("Encoding", 9, " 33.3", "00:00:00", "00:00:00") + "\n");
+  run_steps(open, {{"Encoding", 1, 3, kSecond, line("Encoding", 9, " 33.3", "00:00:00", "00:00:00")}});
+  for (ProgressState* state : {&quiet, &open}) {
+    std::ostringstream out;
+    close_progress_line(*state, out);
+    close_progress_line(*state, out);
+    EXPECT_EQ(out.str(), state == &open ? "\n" : "");
+  }
 }
 
 TEST(Progress, ClockText) {

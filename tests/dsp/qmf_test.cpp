@@ -59,8 +59,6 @@ TEST(QmfKernel, SelectionByEnvironmentValueAndProcessor) {
   EXPECT_EQ(chosen.id, select_qmf_kernel(std::getenv("TAVRIN_DTS_QMF_SIMD"), cpu_has_sse2(), cpu_has_avx2()));
   EXPECT_EQ(&qmf_kernel(), &chosen);
   EXPECT_EQ(qmf_kernel_by_id(Id::avx2) != nullptr, cpu_has_avx2());
-  EXPECT_STREQ(chosen.name, qmf_kernel_name(chosen.id));
-  EXPECT_STREQ(qmf_kernel_name(Id::sse2), "sse2");
 }
 
 TEST(QmfBank, DerivationWithEveryKernel) {
@@ -71,8 +69,6 @@ TEST(QmfBank, DerivationWithEveryKernel) {
     EXPECT_NEAR(bank->gain, 1023.9997, 1e-3);
     EXPECT_GT(bank->max_basis_error, 1.5e-8);  // the table is only ~8 digits exact
     EXPECT_LT(bank->max_basis_error, 2.5e-8);
-    EXPECT_EQ(bank->position, 0u);
-    for (const auto& block : bank->history) EXPECT_TRUE(all_zero(block));
     for (int f = 0; f < 3; ++f) EXPECT_TRUE(all_zero(analyse_frame(*bank, silence.data(), *kernel).samples)) << f;
   }
   EXPECT_EQ(message_of([] { analyse_frame(*std::make_unique<QmfAnalysisBank>(), nullptr); }), "null PCM input");

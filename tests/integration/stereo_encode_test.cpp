@@ -196,12 +196,7 @@ TEST(StereoEncode, Signals) {
     const Channels source = as_stored(c.make(48000, 48000), SampleFormat::s24le);
     const fs::path input = dir / (c.name + ".wav");
     write_wav_file(input.string(), source, 48000, SampleFormat::s24le);
-    const test::Encoded e = encode(input, source, 48000, 768000, c.min_snr_db);
-    // The delay is exactly 480 samples: one sample either way is far worse.
-    if (c.name == "noise" && e.decoded.channels.size() == 2) {
-      for (std::size_t lag : {kStreamDelay - 1, kStreamDelay + 1})
-        EXPECT_LT(compare(source[0], e.decoded.channels[0], lag).snr_db, 10.0) << lag;
-    }
+    encode(input, source, 48000, 768000, c.min_snr_db);
   }
 }
 

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
-#include <fstream>
 #include <stdexcept>
+
+#include "support/decoders.h"
 
 namespace tavrin {
 namespace {
@@ -107,11 +108,7 @@ std::vector<std::uint8_t> build_wav_bytes(const std::vector<std::vector<double>>
 
 void write_wav_file(const std::string& path, const std::vector<std::vector<double>>& channels, std::uint32_t rate,
                     SampleFormat fmt, std::optional<std::uint32_t> extensible_mask, bool rf64) {
-  const std::vector<std::uint8_t> bytes = build_wav_bytes(channels, rate, fmt, extensible_mask, rf64);
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file) throw std::runtime_error("cannot write WAVE file: " + path);
+  test::write_bytes(path, build_wav_bytes(channels, rate, fmt, extensible_mask, rf64));
 }
 
 }  // namespace tavrin
