@@ -84,11 +84,8 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
   const fs::path dir = test::fresh_test_dir("matrix");
   constexpr double kSilent = -300.0;
   const double plus3 = 20.0 * std::log10(std::sqrt(2.0));
-  const auto music = [](std::uint32_t rate) {
-    return [rate](std::size_t i) { return 0.3 * tone(997.0, i, rate) + 0.1 * tone(3301.0, i, rate); };
-  };
-  const auto opposite = [](std::uint32_t rate) {
-    return [rate](std::size_t i) { return -(0.3 * tone(997.0, i, rate) + 0.1 * tone(3301.0, i, rate)); };
+  const auto music = [](std::uint32_t rate, double sign = 1.0) {
+    return [rate, sign](std::size_t i) { return sign * (0.3 * tone(997.0, i, rate) + 0.1 * tone(3301.0, i, rate)); };
   };
   // 30 Hz bass with 1 kHz on the left, an unrelated 1.5 kHz on the right:
   // nothing is steered, so the bass stays with the left until bass
@@ -106,7 +103,7 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
   const std::vector<Case> cases = {
       {"centre", 48000, {}, music(48000), music(48000), {kSilent, kSilent, plus3, kSilent, kSilent, kSilent}, 20.0, "",
        "LFE silent, max C steer 1.000, max S steer 0.000, rear delay 20 ms"},
-      {"surround", 48000, {"--rear-delay", "12.5"}, music(48000), opposite(48000),
+      {"surround", 48000, {"--rear-delay", "12.5"}, music(48000), music(48000, -1.0),
        {kSilent, kSilent, kSilent, kSilent, 0.0, 0.0}, 12.5, "",
        "LFE silent, max C steer 0.000, max S steer 1.000, rear delay 12.5 ms"},
       {"bass kept", 44100, {}, bass_left(44100), treble_right(44100),
