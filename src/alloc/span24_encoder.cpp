@@ -47,6 +47,11 @@ constexpr double kMaskDepth = 1e-6;
 // is an attack whose pre-ringing needs guarding (3x does the same on the
 // test signals).
 constexpr double kAttackRise = 8.0;
+// The share of a subsubframe's coding noise that the synthesis filter
+// spreads into the one before. Half takes 1-8 dB more pre-echo off the
+// drums and castanets at 768 kbit/s than none; all of it costs the
+// castanets 5 dB of NMR there.
+constexpr double kLeakBack = 0.5;
 // An onset by the psychoacoustic model's measure (0.5: a 6 dB rise from the
 // subsubframe before, across frames too), a band that stays within 15 dB of
 // it for the rest of the frame, and the weight of its error when both hold
@@ -336,9 +341,21 @@ struct FrameWeights {
 };
 
 // What a unit of squared error costs the noise-to-mask measure, times `share`.
-double mask_weight(const Span24Masks& masks, const Span24MaskTables& tables, unsigned ssf, unsigned c, unsigned b,
-                   double share = 1.0) {
-  return share * tables.bark_width[b] / (kSsfSamples * masks.mask[c][ssf * kBands + b]);
+double mask_weight(double mask, const Span24MaskTables& tables, unsigned b, double share = 1.0) {
+  return share * tables.bark_width[b] / (kSsfSamples * mask);
+}
+
+double mask_at(const Span24Masks& masks, unsigned ssf, unsigned c, unsigned b) {
+  return masks.mask[c][ssf * kBands + b];
+}
+
+// The synthesis filter spreads part of a subsubframe's coding noise into the
+// subsubframe before it, so after a quiet one an attack's own mask does not
+// cover all of its noise: what covers it is the lower of that mask and the
+// quiet one's over the share that leaks back.
+double exposed_mask(const Span24Masks& masks, unsigned ssf, unsigned c, unsigned b) {
+  const double own = mask_at(masks, ssf, c, b);
+  return ssf == 0 ? own : std::min(own, mask_at(masks, ssf - 1, c, b) / kLeakBack);
 }
 
 // Before an attack a band's subband samples hold the analysis filter's
@@ -381,7 +398,10 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
   if (kind == Span24Objective::noise_to_mask || kind == Span24Objective::weighted_and_mask)
     masks = span24_masks(psycho, kChannels, tables);
   // The mask term's share: the two measures put side by side by what each
-  // stakes on the frame (its weights times the band energies).
+  // stakes on the frame (its weights times the band energies). The mask
+  // term's stake counts its masks as pre-echo leaves them, so in a frame
+  // with an attack over quiet it takes a smaller share and the weighted
+  // error, whose guards protect the quiet, leads.
   double mask_share = 0.0;
   if (kind == Span24Objective::weighted_and_mask) {
     double weighted = 0.0, masked = 0.0;
@@ -390,7 +410,7 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
         for (unsigned b = 0; b < kBands; ++b) {
           const PsychoBandRecord& r = psycho.subframes[ssf][c * kBands + b];
           weighted += r.weight * r.energy;
-          masked += mask_weight(masks, tables, ssf, c, b) * r.energy;
+          masked += mask_weight(exposed_mask(masks, ssf, c, b), tables, b) * r.energy;
         }
     mask_share = masked > 0.0 ? kMaskStake * (weighted / masked) : 0.0;
   }
@@ -404,15 +424,15 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
             v = weight;
             break;
           case Span24Objective::noise_to_mask:
-            v = mask_weight(masks, tables, ssf, c, b);
+            v = mask_weight(mask_at(masks, ssf, c, b), tables, b);
             break;
           case Span24Objective::log_error:
             v = kSsfSamples * tables.quiet[b];
             break;
           case Span24Objective::weighted_and_mask:
             v = weight;
-            w.mask_weight[ssf][c * kBands + b] = mask_weight(masks, tables, ssf, c, b, mask_share);
-            w.mask_floor[ssf][c * kBands + b] = kMaskDepth * kSsfSamples * masks.mask[c][ssf * kBands + b];
+            w.mask_weight[ssf][c * kBands + b] = mask_weight(mask_at(masks, ssf, c, b), tables, b, mask_share);
+            w.mask_floor[ssf][c * kBands + b] = kMaskDepth * kSsfSamples * mask_at(masks, ssf, c, b);
             break;
         }
       }
