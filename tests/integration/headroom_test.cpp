@@ -119,10 +119,10 @@ TEST(Headroom, SquaresComeBackCleanAndAtMostAsLoudAsDecodersCarry) {
     // the source at that level.
     const std::vector<double> source(x.begin() + onset, x.end());
     const std::vector<float> output(e.decoded.channels[0].begin() + onset, e.decoded.channels[0].end());
-    const test::Match level = test::compare(source, output, test::kStreamDelay);
+    const test::Match level = test::compare(source, output, test::kCodecDelay);
     std::vector<double> scaled = source;
     for (double& v : scaled) v *= std::pow(10.0, level.gain_db / 20.0);
-    const test::Match at_level = test::compare(scaled, output, test::kStreamDelay);
+    const test::Match at_level = test::compare(scaled, output, test::kCodecDelay);
     EXPECT_GE(at_level.snr_db, 60.0);
     if (!sq.lowered) {
       EXPECT_NEAR(level.gain_db, 0.0, 0.05);

@@ -25,7 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::Channels;
 
-using test::kStreamDelay;
+using test::kCodecDelay;
 enum Bed : std::size_t { L, R, C, LFE, LS, RS };
 
 double tone(double hz, std::size_t i, std::uint32_t rate) {
@@ -136,7 +136,7 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
     for (std::size_t ch = 0; ch < kBedChannels; ++ch) {
       SCOPED_TRACE("channel " + std::to_string(ch));
       const auto& out = r.decoded.channels[ch];
-      const double level = rms_db(out, kStreamDelay + n / 2, kStreamDelay + n) - input_db;
+      const double level = rms_db(out, kCodecDelay + n / 2, kCodecDelay + n) - input_db;
       if (c.level[ch] < -200.0) {
         EXPECT_LT(level, -60.0);
         continue;
@@ -152,7 +152,7 @@ TEST(MatrixEncode, EachSoundComesOutOfItsSpeaker) {
     }
     // The surround is the input's difference signal, late by the rear delay.
     if (c.level[LS] > -200.0) {
-      EXPECT_EQ(test::best_delay(in[0], r.decoded.channels[LS], kStreamDelay, kStreamDelay + 1000), kStreamDelay + d);
+      EXPECT_EQ(test::best_delay(in[0], r.decoded.channels[LS], kCodecDelay, kCodecDelay + 1000), kCodecDelay + d);
     }
     const auto lines = test::lines(r.run.out);
     ASSERT_GE(lines.size(), 4u);

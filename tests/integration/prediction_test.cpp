@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::Channels;
-using test::kStreamDelay;
+using test::kCodecDelay;
 
 // Sustained harmonic tones, one partial a band: the material prediction is
 // for.
@@ -210,8 +210,8 @@ TEST(Prediction, LongToneDoesNotDrift) {
   double signal[2] = {}, noise[2] = {};
   float frame[2];
   for (std::size_t i = 0; std::fread(frame, sizeof frame, 1, pipe.get()) == 1; ++i) {
-    if (i < kStreamDelay) continue;
-    const std::size_t at = i - kStreamDelay;
+    if (i < kCodecDelay) continue;
+    const std::size_t at = i - kCodecDelay;
     const int minute = at < kRate * 60 ? 0 : at >= kRate * (kSeconds - 60) && at < kRate * kSeconds ? 1 : -1;
     if (minute < 0) continue;
     for (std::size_t ch = 0; ch < 2; ++ch) {
@@ -255,7 +255,7 @@ TEST(Prediction, PaysOnTonesAndCostsNothingElsewhere) {
           test::encode_file(input, {48000, 768000, c.source[0].size(), 2, ""}, {"-q"}, on ? "TAVRIN_DTS_ADPCM=1" : "TAVRIN_DTS_ADPCM=0");
       ASSERT_EQ(e.decoded.channels.size(), 2u);
       for (std::size_t ch = 0; ch < 2; ++ch)
-        snr[on][ch] = test::compare(c.source[ch], e.decoded.channels[ch], kStreamDelay).snr_db;
+        snr[on][ch] = test::compare(c.source[ch], e.decoded.channels[ch], kCodecDelay).snr_db;
     }
     for (std::size_t ch = 0; ch < 2; ++ch) {
       EXPECT_GE(snr[1][ch] - snr[0][ch], c.min_gain_db) << "channel " << ch;

@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 using test::as_stored;
 using test::Channels;
 using test::compare;
-using test::kStreamDelay;
+using test::kCodecDelay;
 using test::lines;
 using test::Match;
 
@@ -62,7 +62,7 @@ test::Encoded encode(const fs::path& input, const Channels& source, std::uint32_
   if (e.decoded.channels.size() != 2 || min_snr_db == kUnjudged) return e;
   for (int c = 0; c < 2; ++c) {
     if (min_snr_db == kSilent) {
-      EXPECT_EQ(compare(source[c], e.decoded.channels[c], kStreamDelay).decoded_peak, 0.0);
+      EXPECT_EQ(compare(source[c], e.decoded.channels[c], kCodecDelay).decoded_peak, 0.0);
       continue;
     }
     const Match m = test::expect_unity(source[c], e.decoded.channels[c], min_snr_db);
@@ -118,8 +118,8 @@ TEST(StereoEncode, EveryRateBitrateAndInputForm) {
       const auto first = test::read_bytes(stream);
       const test::Encoded scalar = encode(input, source, c.rate, c.bitrate, c.min_snr_db, extra, "TAVRIN_DTS_QMF_SIMD=scalar");
       if (scalar.decoded.channels.size() == 2) {
-        EXPECT_NEAR(compare(source[0], scalar.decoded.channels[0], kStreamDelay).snr_db,
-                    compare(source[0], e.decoded.channels[0], kStreamDelay).snr_db, 0.5);
+        EXPECT_NEAR(compare(source[0], scalar.decoded.channels[0], kCodecDelay).snr_db,
+                    compare(source[0], e.decoded.channels[0], kCodecDelay).snr_db, 0.5);
       }
       encode(input, source, c.rate, c.bitrate, kUnjudged, extra);
       EXPECT_EQ(test::read_bytes(stream), first) << "two runs differ";

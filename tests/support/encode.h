@@ -76,13 +76,10 @@ inline Encoded encode_file(const std::filesystem::path& input, const StreamFacts
 }
 #endif
 
-// Samples from a source sample to its decoded counterpart in every stream.
-inline constexpr std::size_t kStreamDelay = 480;
-
-// A main channel comes back exactly kStreamDelay late at unity gain, at
+// A main channel comes back exactly kCodecDelay late at unity gain, at
 // least `min_snr_db` clean.
 inline Match expect_unity(const std::vector<double>& source, const std::vector<float>& decoded, double min_snr_db) {
-  const Match m = compare(source, decoded, kStreamDelay);
+  const Match m = compare(source, decoded, kCodecDelay);
   EXPECT_NEAR(m.gain_db, 0.0, 0.05);
   EXPECT_GE(m.snr_db, min_snr_db);
   return m;
@@ -90,8 +87,8 @@ inline Match expect_unity(const std::vector<double>& source, const std::vector<f
 
 // The LFE within its coder's alignment and level.
 inline void expect_lfe_matches(const std::vector<double>& source, const std::vector<float>& decoded) {
-  const std::size_t delay = best_delay(source, decoded, kStreamDelay - 40, kStreamDelay + 40);
-  EXPECT_LE(delay > kStreamDelay ? delay - kStreamDelay : kStreamDelay - delay, 16u);
+  const std::size_t delay = best_delay(source, decoded, kCodecDelay - 40, kCodecDelay + 40);
+  EXPECT_LE(delay > kCodecDelay ? delay - kCodecDelay : kCodecDelay - delay, 16u);
   EXPECT_NEAR(compare(source, decoded, delay).gain_db, 0.0, 0.5);
 }
 

@@ -10,6 +10,9 @@
 
 namespace tavrin::test {
 
+// Samples from a source sample to its decoded counterpart in every stream.
+inline constexpr std::size_t kCodecDelay = 480;
+
 using Channels = std::vector<std::vector<double>>;
 
 struct Match {

@@ -43,8 +43,6 @@
 
 namespace tavrin::test {
 
-// Samples from a source sample to its decoded counterpart in every stream.
-inline constexpr std::size_t kCodecDelay = 480;
 // Where a ratio has no noise at all: the floor of NMR and pre-echo in dB.
 inline constexpr double kNoNoiseDb = -300.0;
 
