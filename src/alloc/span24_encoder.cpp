@@ -330,14 +330,15 @@ unsigned choose_tmode(const Unit& u) {
 }
 
 // What a unit of squared error costs in each subsubframe and band of the
-// frame (channel * 32 + band), by the objective (for the decibel measure,
-// its floor instead), and what the mask term adds down to its floor.
-// Worked out once per frame, for both layouts.
+// frame (channel * 32 + band) by the objective, what the mask term adds
+// down to its floor, and the floor under the decibel measure. Worked out
+// once per frame, for both layouts.
 using BandTable = std::array<std::array<double, kChannels * kBands>, kMaxSubframes>;
 struct FrameWeights {
   BandTable weight{};
   BandTable mask_weight{};
   BandTable mask_floor{};
+  BandTable log_floor{};
 };
 
 // What a unit of squared error costs the noise-to-mask measure, times `share`.
@@ -427,7 +428,7 @@ FrameWeights frame_weights(const PsychoAnalysis& psycho, const Span24MaskTables&
             v = mask_weight(mask_at(masks, ssf, c, b), tables, b);
             break;
           case Span24Objective::log_error:
-            v = kSsfSamples * tables.quiet[b];
+            w.log_floor[ssf][c * kBands + b] = kSsfSamples * tables.quiet[b];
             break;
           case Span24Objective::weighted_and_mask:
             v = weight;
@@ -473,7 +474,8 @@ std::vector<Unit> make_units(const Layout& layout, const std::vector<const doubl
         if (u.tmode == 0) u.peak[1] = u.peak[0];
         for (unsigned j = 0; j < u.ssc; ++j) {
           const unsigned at = c * kBands + b, ssf = u.first_ssf + j;
-          (settings.objective == Span24Objective::log_error ? u.floor : u.weight)[j] = weights.weight[ssf][at];
+          u.weight[j] = weights.weight[ssf][at];
+          u.floor[j] = weights.log_floor[ssf][at];
           u.mask_weight[j] = weights.mask_weight[ssf][at];
           u.mask_floor[j] = weights.mask_floor[ssf][at];
         }
