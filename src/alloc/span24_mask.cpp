@@ -3,18 +3,11 @@
 #include <algorithm>
 #include <cmath>
 
+#include "alloc/hearing.h"
+
 namespace tavrin {
 
 namespace {
-
-double bark(double hz) { return 13.0 * std::atan(0.00076 * hz) + 3.5 * std::atan((hz / 7500.0) * (hz / 7500.0)); }
-
-// Schroeder's spreading function: what a masker leaves, in dB, in a band dz
-// Bark above it (dz < 0: below it).
-double spreading_db(double dz) {
-  const double d = dz + 0.474;
-  return 15.81 + 7.5 * d - 17.5 * std::sqrt(1.0 + d * d);
-}
 
 // A noise-like masker hides noise about 5.5 dB below itself; a tonal one
 // further below, the more so the higher it lies.
@@ -38,9 +31,7 @@ double span24_quiet_threshold(std::size_t band, unsigned sample_rate) {
   double lowest_db = 1e9;
   for (int k = 0; k <= 8; ++k) {
     const double khz = std::clamp((static_cast<double>(band) + k / 8.0) * width / 1000.0, 0.02, kHighestQuietKhz);
-    const double db = 3.64 * std::pow(khz, -0.8) - 6.5 * std::exp(-0.6 * (khz - 3.3) * (khz - 3.3)) +
-                      0.001 * std::pow(khz, 4.0);
-    lowest_db = std::min(lowest_db, std::min(db, 90.0));
+    lowest_db = std::min(lowest_db, std::min(threshold_in_quiet_db(khz), 90.0));
   }
   return kSubbandFullScalePower * std::pow(10.0, (lowest_db - 96.0) / 10.0);
 }
@@ -58,7 +49,7 @@ Span24MaskTables span24_mask_tables(unsigned sample_rate) {
   }
   for (std::size_t b = 0; b < kMaskBands; ++b)
     for (std::size_t k = 0; k < kMaskBands; ++k)
-      t.spread[b * kMaskBands + k] = b == k ? 1.0 : std::pow(10.0, spreading_db(centre[b] - centre[k]) / 10.0);
+      t.spread[b * kMaskBands + k] = b == k ? 1.0 : std::pow(10.0, schroeder_spreading_db(centre[b] - centre[k]) / 10.0);
   return t;
 }
 

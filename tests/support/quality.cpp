@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <numbers>
 
+#include "alloc/hearing.h"
 #include "support/decoders.h"
 #include "support/wav_writer.h"
 
@@ -68,17 +69,7 @@ void transform(const Fft& f, std::vector<Complex>& x) {
 
 // ---- Masking model ----------------------------------------------------------
 
-double bark(double f) { return 13.0 * std::atan(0.00076 * f) + 3.5 * std::atan((f / 7500.0) * (f / 7500.0)); }
-
-double threshold_in_quiet_db_spl(double f) {
-  const double k = std::max(f, 20.0) / 1000.0;
-  return 3.64 * std::pow(k, -0.8) - 6.5 * std::exp(-0.6 * (k - 3.3) * (k - 3.3)) + 1e-3 * std::pow(k, 4.0);
-}
-
-double schroeder_db(double dz) {
-  const double d = dz + 0.474;
-  return 15.81 + 7.5 * d - 17.5 * std::sqrt(1.0 + d * d);
-}
+double threshold_in_quiet_db_spl(double f) { return threshold_in_quiet_db(std::max(f, 20.0) / 1000.0); }
 
 struct MaskModel {
   Fft fft;
@@ -136,7 +127,7 @@ MaskModel make_mask_model(std::uint32_t rate) {
   m.spread.resize(nb * nb);
   for (std::size_t i = 0; i < nb; ++i) {
     double row = 0.0;
-    for (std::size_t j = 0; j < nb; ++j) row += m.spread[i * nb + j] = std::pow(10.0, schroeder_db(centre[i] - centre[j]) / 10.0);
+    for (std::size_t j = 0; j < nb; ++j) row += m.spread[i * nb + j] = std::pow(10.0, schroeder_spreading_db(centre[i] - centre[j]) / 10.0);
     for (std::size_t j = 0; j < nb; ++j) m.spread[i * nb + j] /= row;
   }
   return m;
